@@ -1,0 +1,101 @@
+#include "logging/Logger.h"
+
+#include <log4cplus/configurator.h>
+#include <log4cplus/consoleappender.h>
+#include <log4cplus/initializer.h>
+#include <log4cplus/layout.h>
+#include <log4cplus/loglevel.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <thread>
+
+namespace Vantor::Sentrix {
+
+namespace {
+
+std::atomic<bool> gateClosed{false};
+std::atomic<int> passesHeld{0};
+
+// Statements are short; one that hangs (a full disk, a stopped terminal) must not keep the process from exiting.
+constexpr std::chrono::milliseconds kExitPatience{500};
+
+void CloseGate() {
+    gateClosed.store(true);
+    const auto end = std::chrono::steady_clock::now() + kExitPatience;
+    while (passesHeld.load() != 0 && std::chrono::steady_clock::now() < end) {
+        std::this_thread::yield();
+    }
+}
+
+log4cplus::tstring Wide(const std::string& text) {
+    return log4cplus::tstring(text.begin(), text.end());
+}
+
+std::string Environment(const char* name) {
+    const char* value = std::getenv(name); // NOLINT(concurrency-mt-unsafe): read once, before anyone could change it
+    return value == nullptr ? std::string() : std::string(value);
+}
+
+void LogToStandardError(log4cplus::Logger& logger) {
+    log4cplus::SharedAppenderPtr appender(new log4cplus::ConsoleAppender(true, true));
+    appender->setLayout(std::make_unique<log4cplus::PatternLayout>(Wide("%D{%H:%M:%S.%q} %-5p %m [%b:%L]%n")));
+    logger.addAppender(appender);
+    logger.setAdditivity(false);
+    logger.setLogLevel(log4cplus::WARN_LOG_LEVEL);
+}
+
+void ApplyLevel(log4cplus::Logger& logger, const std::string& name) {
+    const auto level = log4cplus::getLogLevelManager().fromString(Wide(name));
+    if (level == log4cplus::NOT_SET_LOG_LEVEL) {
+        std::cerr << "veyrasvc: VEYRA_LOG_LEVEL names no level: " << name << '\n';
+        return;
+    }
+    logger.setLogLevel(level);
+}
+
+log4cplus::Logger* MakeLogger() {
+    log4cplus::initialize();
+    auto* logger = new log4cplus::Logger(log4cplus::Logger::getInstance(Wide("veyrasvc")));
+
+    const std::string config = Environment("VEYRA_LOG_CONFIG");
+    if (!config.empty() && std::ifstream(config).good()) {
+        log4cplus::PropertyConfigurator::doConfigure(Wide(config));
+    } else {
+        if (!config.empty()) {
+            std::cerr << "veyrasvc: VEYRA_LOG_CONFIG cannot be read: " << config << '\n';
+        }
+        LogToStandardError(*logger);
+    }
+    if (const std::string level = Environment("VEYRA_LOG_LEVEL"); !level.empty()) {
+        ApplyLevel(*logger, level);
+    }
+    std::atexit(CloseGate); // runs before log4cplus's own end, which was set up before this
+    return logger;
+}
+
+} // namespace
+
+log4cplus::Logger& GetLogger() {
+    static log4cplus::Logger* const logger = MakeLogger(); // never destroyed: threads may log while the process exits
+    return *logger;
+}
+
+bool IsLoggingOpen() noexcept {
+    return !gateClosed.load(std::memory_order_relaxed);
+}
+
+LogPass::LogPass() {
+    passesHeld.fetch_add(1);
+    m_open = !gateClosed.load();
+}
+
+LogPass::~LogPass() {
+    passesHeld.fetch_sub(1);
+}
+
+} // namespace Vantor::Sentrix

@@ -1,0 +1,159 @@
+// What only the stand-in promises of pipes: the socket behind a name, and who may have it. Children are this program
+// in another role.
+#include "tests/platform/Pipes.h"
+#include "tools/support/ChildProcess.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace Vantor::Sentrix {
+namespace {
+
+using Support::ChildProcess;
+
+std::string Narrow(const std::wstring& name) {
+    return {name.begin(), name.end()};
+}
+
+void Start(ChildProcess& child, const std::vector<std::string>& arguments) {
+    ASSERT_TRUE(child.Start(Support::OwnProgramPath(), arguments, ChildProcess::Output::Pipe)) << GetLastError();
+}
+
+int Say(const char* text) {
+    std::puts(text);
+    return std::fflush(stdout);
+}
+
+// ---- The children --------------------------------------------------------------------------------------------------
+
+void Serve(const std::string& name) {
+    const Owned port = NewPort();
+    OVERLAPPED accept;
+    const Owned pipe = NewInstance({name.begin(), name.end()}, port, accept);
+    Say("serving");
+    Next(port, INFINITE);
+    Sleep(INFINITE);
+}
+
+// Reads a byte as somebody else.
+void Connect(const std::string& name, const std::string& account) {
+    const bool changed = setuid(static_cast<uid_t>(std::stoul(account))) == 0;
+    const Owned client = OpenClient({name.begin(), name.end()});
+    EventIo io;
+    char byte = 0;
+    const bool read = Begun(io.Read(client, &byte, 1)) && io.Await() == NO_ERROR;
+    Say(!changed ? "is not that account" : read ? "admitted" : "refused");
+}
+
+// ---- The tests -----------------------------------------------------------------------------------------------------
+
+TEST(PosixPipeNameTest, APipeIsASocketOfItsNamespaceWithNothingButItsBytes) {
+    const std::wstring name = UniquePipeName();
+    const Owned port = NewPort();
+    OVERLAPPED accept;
+    const Owned pipe = NewInstance(name, port, accept);
+    const char* const space = std::getenv("VEYRASVC_PIPE_NAMESPACE");
+    const std::string before = space == nullptr ? "" : space;
+    SetEnvironmentVariableW(L"VEYRASVC_PIPE_NAMESPACE", L"elsewhere");
+    EXPECT_FALSE(WaitNamedPipeW(name.c_str(), 1));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    const std::wstring wideBefore(before.begin(), before.end());
+    SetEnvironmentVariableW(L"VEYRASVC_PIPE_NAMESPACE", before.empty() ? nullptr : wideBefore.c_str());
+
+    std::string path = Narrow(name).replace(0, std::strlen("\\\\.\\pipe\\Veyra Test"), "/veyra test");
+    path = '\0' + ("veyrasvc/" + (before.empty() ? "local" : before)) + path;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.data(), path.size());
+    const int peer = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+    ASSERT_EQ(connect(peer, reinterpret_cast<const sockaddr*>(&address), length), 0) << path.substr(1);
+    EXPECT_EQ(Next(port).overlapped, &accept);
+    char buffer[8];
+    OVERLAPPED transfers[2]{};
+    EXPECT_EQ(send(peer, "abc", 3, 0), 3);
+    EXPECT_TRUE(Begun(ReadFile(pipe, buffer, sizeof buffer, nullptr, &transfers[0])));
+    EXPECT_EQ(Next(port).bytes, 3U);
+    EXPECT_EQ(std::string(buffer, 3), "abc");
+    EXPECT_TRUE(Begun(WriteFile(pipe, "wxyz", 4, nullptr, &transfers[1])));
+    EXPECT_EQ(Next(port).bytes, 4U);
+    EXPECT_EQ(recv(peer, buffer, sizeof buffer, 0), 4);
+    EXPECT_EQ(std::string(buffer, 4), "wxyz");
+    close(peer);
+}
+
+TEST(PosixPipeNameTest, ANameBelongsToOneProcessAndGoesWithIt) {
+    const std::wstring name = UniquePipeName();
+    ChildProcess server;
+    Start(server, {"--serve", Narrow(name)});
+    ASSERT_EQ(server.ReadLine(), "serving");
+    EXPECT_EQ(CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, PIPE_TYPE_BYTE,
+                               PIPE_UNLIMITED_INSTANCES, 0, 0, 0, nullptr),
+              INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    const Owned client = OpenClient(name);
+    EventIo io;
+    char byte = 0;
+    ASSERT_TRUE(Begun(io.Read(client, &byte, 1)));
+    server.Kill();
+    EXPECT_EQ(io.Await(), ERROR_BROKEN_PIPE);
+    server.WaitForExit();
+    EXPECT_FALSE(WaitNamedPipeW(name.c_str(), 1));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    const Owned port = NewPort();
+    const Connection own{name, port, 0};
+}
+
+TEST(PosixPipeNameTest, AnInstanceAdmitsWhomItsSecurityAdmits) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can become somebody else";
+    }
+    alignas(void*) char descriptor[SECURITY_DESCRIPTOR_MIN_LENGTH];
+    InitializeSecurityDescriptor(descriptor, SECURITY_DESCRIPTOR_REVISION);
+    SetSecurityDescriptorDacl(descriptor, TRUE, nullptr, FALSE);
+    SECURITY_ATTRIBUTES everyone{sizeof(SECURITY_ATTRIBUTES), descriptor, FALSE};
+    for (SECURITY_ATTRIBUTES* attributes : {static_cast<SECURITY_ATTRIBUTES*>(nullptr), &everyone}) {
+        const std::wstring name = UniquePipeName();
+        const Owned port = NewPort();
+        OVERLAPPED accept;
+        const Owned pipe = NewInstance(name, port, accept, 0, attributes);
+        Thread serving([&] {
+            EXPECT_EQ(Next(port).overlapped, &accept);
+            OVERLAPPED write{};
+            EXPECT_TRUE(Begun(WriteFile(pipe, "x", 1, nullptr, &write)));
+            EXPECT_EQ(Next(port).overlapped, &write);
+        });
+        ChildProcess nobody;
+        Start(nobody, {"--connect", Narrow(name), "65534"});
+        EXPECT_EQ(nobody.ReadLine(), attributes == nullptr ? "refused" : "admitted");
+        if (attributes == nullptr) { // the instance still waits for somebody who may have it
+            ChildProcess own;
+            Start(own, {"--connect", Narrow(name), "0"});
+            EXPECT_EQ(own.ReadLine(), "admitted");
+        }
+    }
+}
+
+} // namespace
+} // namespace Vantor::Sentrix
+
+int main(int argc, char** argv) {
+    using namespace Vantor::Sentrix;
+    if (argc == 3 && std::strcmp(argv[1], "--serve") == 0) {
+        Serve(argv[2]);
+    }
+    if (argc == 4 && std::strcmp(argv[1], "--connect") == 0) {
+        Connect(argv[2], argv[3]);
+        _exit(0);
+    }
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

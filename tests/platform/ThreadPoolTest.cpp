@@ -1,0 +1,141 @@
+// The work-item pool.
+#include "tests/platform/Pipes.h"
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace Vantor::Sentrix {
+namespace {
+
+void QueueItem(std::function<void()> work, ULONG flags = WT_EXECUTEDEFAULT) {
+    auto* const item = new std::function<void()>(std::move(work));
+    const auto run = [](void* context) -> DWORD {
+        const std::unique_ptr<std::function<void()>> owned(static_cast<std::function<void()>*>(context));
+        (*owned)();
+        return 0;
+    };
+    ASSERT_TRUE(QueueUserWorkItem(run, item, flags)) << GetLastError();
+}
+
+// Opens when that many have arrived.
+class Gate {
+public:
+    explicit Gate(int needed) : m_left(needed) {}
+    void Arrive() {
+        if (--m_left == 0) {
+            SetEvent(m_open);
+        }
+    }
+    bool Await() const { return WaitForSingleObject(m_open, kPatienceMs) == WAIT_OBJECT_0; }
+
+private:
+    std::atomic<int> m_left;
+    const Owned m_open = NewEvent(true);
+};
+
+TEST(ThreadPoolTest, LongItemsAllRunAtOnce) {
+    constexpr int kItems = 64;
+    for (int round = 0; round < 3; ++round) { // from nothing, and with the threads of the round before
+        Gate together(kItems);
+        Gate ended(kItems);
+        for (int i = 0; i < kItems; ++i) {
+            QueueItem(
+                [&] {
+                    together.Arrive();
+                    EXPECT_TRUE(together.Await()) << "the others were not started";
+                    ended.Arrive();
+                },
+                WT_EXECUTELONGFUNCTION);
+        }
+        EXPECT_TRUE(ended.Await());
+    }
+}
+
+TEST(ThreadPoolTest, ItemsQueueItems) {
+    constexpr int kDepth = 11;
+    Gate all((1 << (kDepth + 1)) - 1);
+    std::function<void(int)> grow = [&](int depth) {
+        for (int i = 0; i < 2 && depth > 0; ++i) {
+            QueueItem([&grow, depth] { grow(depth - 1); });
+        }
+        all.Arrive();
+    };
+    QueueItem([&] { grow(kDepth); });
+    EXPECT_TRUE(all.Await());
+}
+
+TEST(ThreadPoolTest, GrowsToItsBoundAndStartsFirstWhatWasQueuedFirst) {
+    constexpr int kBound = 500;
+    constexpr int kMore = 300;
+    Gate full(kBound);
+    Gate ended(kBound + kMore);
+    Gate drained(kMore);
+    const Owned one = NewEvent(false);
+    const Owned all = NewEvent(true);
+    const HANDLE either[] = {all, one};
+    for (int i = 0; i < kBound; ++i) {
+        QueueItem([&] {
+            full.Arrive();
+            EXPECT_NE(WaitForMultipleObjects(2, either, FALSE, kPatienceMs), WAIT_TIMEOUT);
+            ended.Arrive();
+        });
+    }
+    EXPECT_TRUE(full.Await());
+    std::mutex mutex;
+    std::vector<int> order;
+    std::vector<int> queued;
+    for (int i = 0; i < kMore; ++i) {
+        queued.push_back(i);
+        QueueItem([&, i] {
+            {
+                const std::lock_guard guard(mutex);
+                order.push_back(i);
+            }
+            drained.Arrive();
+            ended.Arrive();
+        });
+    }
+    SetEvent(one); // one thread becomes free, so they run one after the other
+    EXPECT_TRUE(drained.Await());
+    EXPECT_EQ(order, queued);
+    SetEvent(all);
+    EXPECT_TRUE(ended.Await());
+}
+
+// An item does not depend on what its queuer does next, also when that is a thread that serves a pipe.
+TEST(ThreadPoolTest, AnItemStartsWhateverItsQueuerDoesNext) {
+    const Owned port = NewPort();
+    const Owned empty = NewPort();
+    Connection connection{port};
+    Gate warm(1);
+    QueueItem([&] { warm.Arrive(); });
+    EXPECT_TRUE(warm.Await());
+    for (int round = 0; round < 60; ++round) {
+        std::atomic<bool> ran{false};
+        const Owned runs = NewEvent(true);
+        connection.SendByte(port);
+        Thread queuer([&] {
+            EventIo reading;
+            char byte = 0;
+            EXPECT_TRUE(Begun(reading.Read(connection.client, &byte, 1)));
+            EXPECT_EQ(reading.Await(), NO_ERROR);
+            QueueItem([&] {
+                ran = true;
+                SetEvent(runs);
+            });
+            while (round % 3 == 0 && !ran) {
+                Sleep(round % 2);
+            }
+            while (round % 3 == 1 && !ran) {
+                EXPECT_EQ(Next(empty, 1).error, WAIT_TIMEOUT);
+            } // and in the third case it ends
+        });
+        EXPECT_EQ(WaitForSingleObject(runs, kPatienceMs), WAIT_OBJECT_0);
+    }
+}
+
+} // namespace
+} // namespace Vantor::Sentrix

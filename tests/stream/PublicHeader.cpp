@@ -1,0 +1,3 @@
+#include "veyrasvc/stream/SimpleStream.h"
+
+template std::vector<std::string> Vantor::Sentrix::DeserializeFromString(std::string bytes);

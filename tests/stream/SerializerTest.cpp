@@ -1,0 +1,217 @@
+#include "tests/support/LogCapture.h"
+#include "veyrasvc/stream/SimpleStream.h"
+#include "veyrasvc/stream/SpanStream.h"
+#include "veyrasvc/stream/StringStream.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+
+using namespace Vantor::Sentrix;
+
+namespace {
+
+using Strings = std::vector<std::string>;
+using WideStrings = std::vector<std::wstring>;
+using Map = std::map<std::string, std::string>;
+using WideMap = std::map<std::wstring, std::wstring>;
+
+// One of everything that can be read and written.
+struct Record {
+    int number = 0;
+    std::uint64_t big = 0;
+    std::string text;
+    std::wstring wide;
+    std::vector<int> numbers;
+    Strings texts;
+    WideMap map;
+    bool operator==(const Record&) const = default;
+};
+
+std::string Encode(const Record& record) {
+    std::string bytes = "before";
+    StringStream stream(bytes);
+    StreamWriter writer(&stream);
+    writer.Write(record.number);
+    writer.Write(record.big);
+    writer.Write(record.text);
+    writer.Write(record.wide);
+    writer.Write(record.numbers);
+    writer.Write(record.texts);
+    writer.Write(record.map);
+    return bytes.substr(6);
+}
+
+Record Decode(Stream&& stream) {
+    stream.SetPosition(0);
+    StreamReader reader(&stream);
+    Record record{reader.ReadInt(), reader.ReadUInt64(), reader.ReadString(), reader.ReadWString(), {}, {}, {}};
+    reader.Read(record.numbers);
+    reader.Read(record.texts);
+    reader.Read(record.map);
+    return record;
+}
+
+// A class of its own, so that the reader cannot know what its Read does.
+struct DerivedStream : MemoryrStream {
+    using MemoryrStream::MemoryrStream;
+};
+
+// Decodes from every kind of stream; they must agree.
+Record DecodeFromAll(const std::string& bytes) {
+    const int size = static_cast<int>(bytes.size());
+    Record record = Decode(DerivedStream(bytes.data(), size));
+    EXPECT_EQ(Decode(MemoryrStream(bytes.data(), size)), record);
+    EXPECT_EQ(Decode(SpanStream(bytes.data(), bytes.size())), record);
+    return record;
+}
+
+Record RandomRecord(std::mt19937& random, unsigned int longest) {
+    const auto text = [&random](unsigned int limit) { return std::string(random() % limit, char(random())); };
+    const auto wide = [&random] {
+        const std::wstring alphabet = L"\x41\x00E9\x20AC\U0001F600\U0010FFFF\xFFFF";
+        return std::wstring(random() % 9, alphabet[random() % alphabet.size()]);
+    };
+    Record record{
+        static_cast<int>(random()), std::uint64_t{random()} << 32 | random(), text(longest), wide(), {}, {}, {}};
+    for (auto left = random() % 5; left > 0; --left) {
+        record.numbers.push_back(static_cast<int>(random()));
+        record.texts.push_back(text(20));
+        record.map[wide()] = wide();
+    }
+    return record;
+}
+
+template <class T> std::string Written(const T& value) {
+    MemoryrStream stream;
+    StreamWriter(&stream).Write(value);
+    return stream.ToString();
+}
+
+template <std::size_t N> std::string Bytes(const char (&literal)[N]) {
+    return std::string(literal, N - 1);
+}
+
+class SerializerTest : public testing::Test {
+protected:
+    LogCapture log;
+};
+
+TEST_F(SerializerTest, WritesTheseBytes) {
+    EXPECT_EQ(Written(1), Bytes("\0\0\0\1"));
+    EXPECT_EQ(Written(std::uint64_t{0x0102030405060708}), Bytes("\1\2\3\4\5\6\7\x08"));
+    EXPECT_EQ(Written(std::int64_t{-2}), std::string(7, '\xFF') + "\xFE");
+    EXPECT_EQ(Written(std::string("abc")), Bytes("\0\0\0\3abc"));
+    EXPECT_EQ(Written(std::string()), Bytes("\0\0\0\0"));
+    EXPECT_EQ(Written(std::wstring(L"abc")), Bytes("\0\0\0\6\0a\0b\0c"));
+    EXPECT_EQ(Written(std::wstring(L"\U0001F600")), Bytes("\0\0\0\4\xD8\x3D\xDE\x00"));
+    EXPECT_EQ(Written(1.5F), Bytes("\0\0\0\x08") + "1.500000");
+    EXPECT_EQ(Written(std::numeric_limits<float>::lowest()).size(), 4U + 1 + 39 + 7);
+    EXPECT_EQ(Written(FILETIME{1, 2}), Bytes("\0\0\0\1\0\0\0\2"));
+    EXPECT_EQ(Written(std::vector<unsigned int>{7, 8}), Bytes("\0\0\0\2\0\0\0\7\0\0\0\x08"));
+    EXPECT_EQ(SerializeToString(Map{{"b", "y"}, {"a", "x"}}), Bytes("\0\0\0\2\0\0\0\1a\0\0\0\1x\0\0\0\1b\0\0\0\1y"));
+}
+
+TEST_F(SerializerTest, SurrogatesTravel) {
+    constexpr wchar_t kHigh = 0xD83D;
+    constexpr wchar_t kLow = 0xDE00;
+    const WideStrings alone{{L'a', kHigh}, {kLow, kHigh, L'b'}, {kLow, kLow}, {kHigh, kHigh}};
+    EXPECT_EQ(DeserializeFromString<WideStrings>(SerializeToString(alone)), alone);
+    const WideStrings met{{kHigh, kHigh, kLow}};
+    EXPECT_EQ(DeserializeFromString<WideStrings>(SerializeToString(met)),
+              WideStrings{kHigh + std::wstring(L"\U0001F600")});
+    if (sizeof(wchar_t) > 2) {
+        const std::wstring none{static_cast<wchar_t>(0x110000), static_cast<wchar_t>(-1)};
+        EXPECT_EQ(Written(none), Bytes("\0\0\0\4\xFF\xFD\xFF\xFD"));
+    }
+    EXPECT_EQ(log.Take().size(), 0U);
+}
+
+TEST_F(SerializerTest, RecordsComeBackWholeAndBrokenOnesAlikeFromEveryStream) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 50; ++round) {
+        const Record record = RandomRecord(random, 300000);
+        EXPECT_EQ(DecodeFromAll(Encode(record)), record);
+    }
+    EXPECT_EQ(log.Take().size(), 0U);
+    const Record record = RandomRecord(random, 70);
+    const std::string bytes = Encode(record);
+    for (std::size_t cut = 0; cut < bytes.size(); ++cut) {
+        DecodeFromAll(bytes.substr(0, cut));
+        std::string damaged = bytes;
+        damaged[cut] = static_cast<char>(random());
+        DecodeFromAll(damaged);
+    }
+}
+
+TEST_F(SerializerTest, MissingBytesReadAsZeros) {
+    MemoryrStream stream("\x12\x34", 2);
+    StreamReader reader(&stream);
+    stream.SetPosition(0);
+    EXPECT_EQ(reader.ReadInt(), 0x12340000);
+    stream.SetPosition(0);
+    EXPECT_EQ(reader.ReadInt64(), 0x1234000000000000);
+    EXPECT_EQ(log.Errors("read buffer error!"), 2);
+    EXPECT_EQ(reader.ReadString(), "");
+}
+
+TEST_F(SerializerTest, LengthsThatLie) {
+    const std::string zeros(0x10000, '\0');
+    const std::string much(0x20000, 'x');
+    const struct {
+        std::string bytes, text, rest;
+    } cases[] = {
+        {Bytes("\0\0\0\5ab"), Bytes("ab\0\0\0"), ""},
+        {Bytes("\0\1\0\3ab"), "ab" + zeros, ""}, // one more than is filled up
+        {Bytes("\x7F\xFF\xFF\xFF") + "ab", "ab" + zeros, ""},
+        {Bytes("\0\3\0\0") + much, much + zeros, ""},
+        {Bytes("\x80\0\0\0ab"), "", "ab"},
+    };
+    for (const auto& [bytes, text, rest] : cases) {
+        SpanStream span(bytes.data(), bytes.size());
+        DerivedStream derived(bytes.data(), static_cast<int>(bytes.size()));
+        for (Stream* stream : {static_cast<Stream*>(&span), static_cast<Stream*>(&derived)}) {
+            stream->SetPosition(0);
+            const std::string read = StreamReader(stream).ReadString();
+            EXPECT_TRUE(read == text) << read.size() << " of " << text.size();
+            EXPECT_LE(read.capacity(), 2 * (bytes.size() + zeros.size()));
+            EXPECT_EQ(stream->GetSize() - stream->GetPosition(), std::int64_t(rest.size()));
+        }
+    }
+    const std::string wide = Bytes("\0\0\0\5\0\0\0\4\0a\xD8\x3D\xDE\0\0\0\x7F\xFF\xFF\xFE\0c\0");
+    SpanStream stream(wide.data(), wide.size());
+    StreamReader reader(&stream);
+    EXPECT_EQ(reader.ReadWString(), L"");
+    EXPECT_EQ(log.Errors("stream error"), 1);
+    EXPECT_EQ(reader.ReadWString(), (std::wstring{L'a', wchar_t(0xD83D)}))
+        << "its other half belongs to the next length";
+    EXPECT_EQ(reader.ReadWString(), L"");
+    EXPECT_EQ(reader.ReadWString(), L'c' + std::wstring(0x8000, L'\0'));
+}
+
+// Without a bound each of these would take minutes and gigabytes.
+TEST_F(SerializerTest, CountsThatLie) {
+    const std::string count(4, '\xFF');
+    const std::string one = Bytes("\0\0\0\1");
+    EXPECT_EQ(DeserializeFromString<std::vector<int>>(count + one), std::vector<int>{1});
+    EXPECT_EQ(DeserializeFromString<std::vector<unsigned int>>(count + one + "\5"),
+              (std::vector<unsigned int>{1, 0x05000000}));
+    EXPECT_EQ(DeserializeFromString<Strings>(count + one + "a" + one), (Strings{"a", Bytes("\0")}));
+    EXPECT_EQ(DeserializeFromString<WideStrings>(count), WideStrings());
+    EXPECT_EQ(DeserializeFromString<WideMap>(count + Bytes("\0\0\0\2\0k")), (WideMap{{L"k", L""}}));
+    EXPECT_LT(log.Take().size(), 20U);
+}
+
+TEST_F(SerializerTest, ReadersAppendAndLaterKeysReplace) {
+    const std::string bytes = SerializeToString(Strings{"a", "1", "a", "2", "", "3"}).replace(3, 1, "\3");
+    SpanStream stream(bytes.data(), bytes.size());
+    Map values{{"a", "0"}, {"z", "9"}};
+    StreamReader(&stream).Read(values);
+    EXPECT_EQ(values, (Map{{"", "3"}, {"a", "2"}, {"z", "9"}}));
+    Strings texts{"x"};
+    stream.SetPosition(0);
+    StreamReader(&stream).Read(texts);
+    EXPECT_EQ(texts, (Strings{"x", "a", "1", "a"}));
+}
+
+} // namespace

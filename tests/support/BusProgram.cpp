@@ -1,0 +1,139 @@
+#include "tests/support/BusProgram.h"
+
+#include "veyrasvc/platform/Win32.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace Vantor::Sentrix {
+
+namespace {
+
+constexpr int kReplyMsgId = 100;
+constexpr DWORD kLongestLifeMs = 150'000; // of a helper whose parent died without killing it
+constexpr auto kLimitMs = static_cast<DWORD>(std::chrono::milliseconds(kAwaitLimit).count());
+
+int Host(int /*argument*/) {
+    IPCMessageServer server;
+    server.Start();
+    SayReady();
+    return SleepUntilKilled();
+}
+
+void Answer(const IPCMessageClient& client, const TagIPCMessageItem& request, int uniqMsgId) {
+    TagIPCMessageItem answer = request;
+    answer.toModuleId = request.fromModuleId;
+    answer.msgId = request.replyMsgId == -1 ? request.msgId : request.replyMsgId;
+    answer.uniqMsgId = uniqMsgId;
+    answer.encrypt = request.msgId == kEchoEncrypted;
+    client.PostIPCMessage(answer);
+}
+
+int EchoModule(int moduleId) {
+    IPCMessageClient client(moduleId, false, false);
+    const auto answer = [&client](TagIPCMessageItem& item) {
+        if (item.msgId == kEchoTwice) {
+            Answer(client, item, item.uniqMsgId + 1);
+        }
+        Answer(client, item, item.uniqMsgId);
+    };
+    for (const int msgId : {kEcho, kEchoEncrypted, kEchoTwice}) {
+        client.RegisterMessageCallback(msgId, answer);
+    }
+    client.RegisterMessageCallback(
+        kHold, [&client](TagIPCMessageItem& item) { client.PostIPCMessage(Item(item.fromModuleId, kHeld)); });
+    SayReady();
+    return SleepUntilKilled();
+}
+
+} // namespace
+
+// ---- Programs and roles --------------------------------------------------------------------------------------------
+
+void UsePrivateBus() {
+    const std::wstring name = L"test-" + std::to_wstring(GetCurrentProcessId());
+    SetEnvironmentVariableW(L"VEYRASVC_PIPE_NAMESPACE", name.c_str());
+}
+
+int RunBusProgram(int argc, char** argv, const std::map<std::string, RoleFunction>& ownRoles) {
+    SetEnvironmentVariableW(L"VEYRA_LOG_LEVEL", L"OFF"); // lines are looked at through LogCapture
+    if (argc == 3 && argv[1][0] != '-') {
+        std::map<std::string, RoleFunction> roles = {{"host", &Host}, {"echo", &EchoModule}};
+        roles.insert(ownRoles.begin(), ownRoles.end());
+        return roles.at(argv[1])(std::atoi(argv[2]));
+    }
+    UsePrivateBus();
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
+
+void SayReady() {
+    std::puts("ready");
+    std::fflush(stdout);
+}
+
+int SleepUntilKilled() {
+    Sleep(kLongestLifeMs);
+    return 1;
+}
+
+Role::Role(const std::string& name, int argument) {
+    EXPECT_TRUE(m_process.Start(Support::OwnProgramPath(), {name, std::to_string(argument)},
+                                Support::ChildProcess::Output::Pipe));
+    EXPECT_EQ(m_process.ReadLine(kLimitMs), "ready");
+}
+
+int Role::AwaitExit() {
+    const auto code = m_process.WaitForExit(kLimitMs);
+    EXPECT_TRUE(code.has_value()) << "the process hangs";
+    return code ? static_cast<int>(*code) : -1;
+}
+
+// ---- Verbs ---------------------------------------------------------------------------------------------------------
+
+TagIPCMessageItem Item(int to, int msgId, std::string_view body, int replyMsgId, int uniqMsgId) {
+    TagIPCMessageItem item;
+    item.toModuleId = to;
+    item.msgId = msgId;
+    item.replyMsgId = replyMsgId;
+    item.uniqMsgId = uniqMsgId;
+    item.dataLen = static_cast<int>(body.size());
+    item.data = const_cast<char*>(body.data());
+    return item;
+}
+
+std::string BodyOf(const TagIPCMessageItem& item) {
+    return {item.data, static_cast<std::size_t>(item.dataLen)};
+}
+
+std::string Pattern(std::size_t length, std::uint32_t number) {
+    std::string bytes(length, '\0');
+    std::uint32_t state = number * 2654435761U + 1;
+    for (char& byte : bytes) {
+        state = state * 1664525U + 1013904223U;
+        byte = static_cast<char>(state >> 24);
+    }
+    return bytes;
+}
+
+std::optional<std::string> Ask(const IPCMessageClient& client, int to, std::string_view body, int uniqMsgId, int msgId,
+                               bool encrypt, unsigned int timeoutMs) {
+    TagIPCMessageItem request = Item(to, msgId, body, kReplyMsgId, uniqMsgId);
+    request.encrypt = encrypt;
+    TagIPCMessageItemRecv answer;
+    return client.SendIPCMessage(request, kReplyMsgId, answer, timeoutMs) ? std::optional(answer.data) : std::nullopt;
+}
+
+bool AskUntilAnswered(const IPCMessageClient& client, int to) {
+    const auto end = std::chrono::steady_clock::now() + kAwaitLimit;
+    for (int tries = 0; !Ask(client, to, "?", tries, kEcho, false, kSoonMs); ++tries) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace Vantor::Sentrix

@@ -1,0 +1,72 @@
+// A test program of the bus: it has a bus of its own, and its helper processes are itself in another role.
+#pragma once
+
+#include "tests/support/Await.h"
+#include "tools/support/ChildProcess.h"
+#include "veyrasvc/bus/IPCMessageExport.h"
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Vantor::Sentrix {
+
+// ---- Programs and roles --------------------------------------------------------------------------------------------
+
+using RoleFunction = int (*)(int argument);
+
+// The `main` of such a program: a role when it is named on the command line, else the tests. Every program knows the
+// roles "host" (serves the bus) and "echo" (the module below; its argument is its id).
+int RunBusProgram(int argc, char** argv, const std::map<std::string, RoleFunction>& ownRoles = {});
+
+// From now on this process and its children use a bus that nobody else knows.
+void UsePrivateBus();
+
+// For roles: tells the parent that all is set up. Then, for those that are to be killed: sleeps, but not for ever.
+void SayReady();
+int SleepUntilKilled();
+
+// A helper process, ready when the constructor returns; killed by the destructor.
+class Role {
+public:
+    explicit Role(const std::string& name, int argument = 0);
+    void Kill() { m_process.Kill(); }
+    // 0: it said that all was well.
+    int AwaitExit();
+
+private:
+    Support::ChildProcess m_process;
+};
+
+// ---- The echo module -----------------------------------------------------------------------------------------------
+
+// Messages that the echo module understands. It answers with the request's reply id, or its own id without one.
+enum EchoMessage : int {
+    kEcho = 1,          // the body comes back
+    kEchoEncrypted = 2, // the body comes back encrypted
+    kEchoTwice = 3,     // the body comes back twice, the first time as the answer to another request
+    kHold = 4,          // no answer, but the sender gets a kHeld
+    kHeld = 5,
+};
+
+// ---- Verbs ---------------------------------------------------------------------------------------------------------
+
+inline constexpr unsigned int kNoLimit = 0xFFFFFFFF;
+inline constexpr unsigned int kSoonMs = 200; // for asks that may be lost and are repeated
+
+// `body` must outlive the item.
+TagIPCMessageItem Item(int to, int msgId, std::string_view body = {}, int replyMsgId = -1, int uniqMsgId = 0);
+std::string BodyOf(const TagIPCMessageItem& item);
+// A body that differs for every number.
+std::string Pattern(std::size_t length, std::uint32_t number = 0);
+
+// The body of the answer; nothing when there was none.
+std::optional<std::string> Ask(const IPCMessageClient& client, int to, std::string_view body = "?", int uniqMsgId = 0,
+                               int msgId = kEcho, bool encrypt = false, unsigned int timeoutMs = kNoLimit);
+// Asks until somebody is there to answer. While a host comes back, asks may be lost.
+bool AskUntilAnswered(const IPCMessageClient& client, int to);
+
+} // namespace Vantor::Sentrix

@@ -1,0 +1,195 @@
+#include "tests/support/RawPeer.h"
+
+#include "tests/support/Await.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+namespace Vantor::Sentrix {
+
+namespace {
+
+constexpr wchar_t kPipe[] = L"\\\\.\\pipe\\iVeyraService";
+constexpr std::size_t kHeaderBytes = 16;
+constexpr auto kLimitMs = static_cast<DWORD>(std::chrono::milliseconds(kAwaitLimit).count());
+
+std::string Text(const std::string& bytes) {
+    return BigEndian(static_cast<std::uint32_t>(bytes.size())) + bytes;
+}
+
+} // namespace
+
+// ---- The wire ------------------------------------------------------------------------------------------------------
+
+std::uint32_t RawCrc(std::string_view bytes) {
+    std::uint32_t crc = 0xFFFFFFFF;
+    for (const char byte : bytes) {
+        crc ^= static_cast<unsigned char>(byte);
+        for (int bit = 0; bit < 8; ++bit) {
+            crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xEDB88320 : 0);
+        }
+    }
+    return ~crc;
+}
+
+std::string BigEndian(std::uint32_t value) {
+    const std::string little = LittleEndian(value);
+    return {little.rbegin(), little.rend()};
+}
+
+std::string LittleEndian(std::uint32_t value) {
+    std::string bytes;
+    for (int shift = 0; shift < 32; shift += 8) {
+        bytes += static_cast<char>(value >> shift);
+    }
+    return bytes;
+}
+
+std::uint32_t FromBigEndian(std::string_view bytes) {
+    std::uint32_t value = 0;
+    for (const char byte : bytes.substr(0, 4)) {
+        value = value << 8 | static_cast<unsigned char>(byte);
+    }
+    return value;
+}
+
+std::string RawFrame(const std::string& payload, std::uint32_t reserved) {
+    const std::string words =
+        BigEndian(static_cast<std::uint32_t>(payload.size())) + BigEndian(reserved) + BigEndian(RawCrc(payload));
+    return words + BigEndian(RawCrc(words)) + payload;
+}
+
+std::string RawPacket::Payload() const {
+    std::string payload;
+    for (const std::uint32_t field : {to, from, msgId, msgType, replyMsgId, uniqMsgId, encrypted}) {
+        payload += BigEndian(field);
+    }
+    return payload + Text(iv) + Text(body);
+}
+
+std::string RawPacket::Frame() const {
+    return RawFrame(Payload());
+}
+
+RawPacket ParseRawFrame(const std::string& frame) {
+    std::string_view rest = std::string_view(frame).substr(kHeaderBytes);
+    const auto take = [&rest](std::size_t count) {
+        const std::string_view taken = rest.substr(0, count);
+        rest.remove_prefix(taken.size());
+        return taken;
+    };
+    RawPacket packet;
+    for (std::uint32_t* field : {&packet.to, &packet.from, &packet.msgId, &packet.msgType, &packet.replyMsgId,
+                                 &packet.uniqMsgId, &packet.encrypted}) {
+        *field = FromBigEndian(take(4));
+    }
+    packet.iv = take(FromBigEndian(take(4)));
+    packet.body = take(FromBigEndian(take(4)));
+    return packet;
+}
+
+std::optional<std::string> CutRawFrame(std::string& held, bool& corrupt) {
+    corrupt = held.size() >= kHeaderBytes && RawCrc({held.data(), 12}) != FromBigEndian({held.data() + 12, 4});
+    if (corrupt || held.size() < kHeaderBytes || held.size() - kHeaderBytes < FromBigEndian(held)) {
+        return std::nullopt;
+    }
+    std::string frame = held.substr(0, kHeaderBytes + FromBigEndian(held));
+    held.erase(0, frame.size());
+    return frame;
+}
+
+// ---- The peer ------------------------------------------------------------------------------------------------------
+
+RawPeer::RawPeer()
+    : m_readEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
+      m_writeEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+    // Between the wait and the opening somebody else may take the place.
+    while (m_pipe == INVALID_HANDLE_VALUE && WaitNamedPipeW(kPipe, kLimitMs) != FALSE) {
+        m_pipe =
+            CreateFileW(kPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
+    }
+    EXPECT_TRUE(IsOpen()) << "no place on the pipe: " << GetLastError();
+}
+
+RawPeer::~RawPeer() {
+    Close();
+    CloseHandle(m_readEvent);
+    CloseHandle(m_writeEvent);
+}
+
+void RawPeer::Close() {
+    if (IsOpen()) {
+        CloseHandle(m_pipe);
+        m_pipe = INVALID_HANDLE_VALUE;
+    }
+}
+
+// The operation ends within the limit, if need be by closing the pipe: its buffer is the caller's.
+bool RawPeer::Complete(BOOL started, OVERLAPPED& overlapped, DWORD& bytes) {
+    if (started == FALSE && GetLastError() != ERROR_IO_PENDING) {
+        return false;
+    }
+    if (WaitForSingleObject(overlapped.hEvent, kLimitMs) != WAIT_OBJECT_0) {
+        ADD_FAILURE() << "nothing moves on the pipe";
+        Close();
+        WaitForSingleObject(overlapped.hEvent, INFINITE);
+        return false;
+    }
+    return GetOverlappedResult(m_pipe, &overlapped, &bytes, FALSE) != FALSE && bytes > 0;
+}
+
+bool RawPeer::Send(const std::string& bytes) {
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = m_writeEvent;
+    DWORD written = 0;
+    const BOOL started = WriteFile(m_pipe, bytes.data(), static_cast<DWORD>(bytes.size()), nullptr, &overlapped);
+    return Complete(started, overlapped, written) && written == bytes.size();
+}
+
+bool RawPeer::Register(std::uint32_t pid, const std::string& text) {
+    return Send(RawPacket{.to = 0x10000, .from = pid, .msgId = 0x10001, .body = text});
+}
+
+bool RawPeer::ReadMore() {
+    char buffer[16 * 1024];
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = m_readEvent;
+    DWORD got = 0;
+    const BOOL started = ReadFile(m_pipe, buffer, sizeof buffer, nullptr, &overlapped);
+    if (!Complete(started, overlapped, got)) {
+        return false;
+    }
+    m_held.append(buffer, got);
+    return true;
+}
+
+std::optional<std::string> RawPeer::NextFrame() {
+    for (;;) {
+        bool corrupt = false;
+        if (auto frame = CutRawFrame(m_held, corrupt)) {
+            EXPECT_EQ(RawCrc(frame->substr(kHeaderBytes)), FromBigEndian(frame->substr(8, 4)));
+            return frame;
+        }
+        EXPECT_FALSE(corrupt);
+        if (corrupt || !ReadMore()) {
+            return std::nullopt;
+        }
+    }
+}
+
+std::string RawPeer::Read(std::size_t count) {
+    while (m_held.size() < count && ReadMore()) {
+    }
+    const std::string bytes = m_held.substr(0, count);
+    m_held.erase(0, bytes.size());
+    return bytes;
+}
+
+void RawPeer::AwaitDrop() {
+    while (ReadMore()) {
+        m_held.clear();
+    }
+}
+
+} // namespace Vantor::Sentrix

@@ -1,0 +1,39 @@
+// A child process, as its handles see it.
+#pragma once
+
+#include "veyrasvc/platform/posix/BlockingWaitable.h"
+#include "veyrasvc/platform/posix/UniqueFd.h"
+
+#include <sys/types.h>
+
+#include <mutex>
+#include <optional>
+
+namespace Vantor::Sentrix::Platform {
+
+// Signalled once the process has ended. Its exit status is collected by whoever looks first; when the last handle goes
+// before the process has ended, a reaper (Reaper.h) collects it, so that no zombie stays.
+class Process final : public BlockingWaitable {
+public:
+    // Owns: the right to collect that child's exit status. `descriptor` is its pidfd.
+    Process(pid_t id, UniqueFd descriptor) : m_id(id), m_descriptor(std::move(descriptor)) {}
+    ~Process() override;
+
+    DWORD BlockingWait(DWORD milliseconds) override;
+    BOOL Terminate(UINT exitCode);
+    // STILL_ACTIVE while it runs.
+    DWORD ExitCode();
+
+    pid_t Id() const { return m_id; }
+
+private:
+    bool HasEnded();
+
+    const pid_t m_id;
+    UniqueFd m_descriptor; // constant until the destructor
+    std::mutex m_mutex;
+    std::optional<DWORD> m_exitCode;      // guarded by m_mutex
+    std::optional<DWORD> m_terminateCode; // guarded by m_mutex
+};
+
+} // namespace Vantor::Sentrix::Platform

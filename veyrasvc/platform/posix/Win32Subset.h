@@ -1,0 +1,359 @@
+// The Windows names that this project uses, declared for POSIX systems.
+//
+// A closed subset: a call that is not declared here does not compile, and nothing here is a stub. Names, argument
+// orders, results and error codes are those that Microsoft documents for the Win32 call of the same name; where less
+// is supplied than Windows has, ../README.md says so. Everything lives in a namespace of its own, so that a program
+// that includes our public headers gets no HANDLE, DWORD or Sleep of its own, and constants are no macros.
+//
+// Threads: every function may be called from any thread unless its row in ../README.md says otherwise.
+// Fails: a function reports failure by its result and leaves the reason in GetLastError() of the calling thread.
+#pragma once
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace Vantor::Sentrix::Platform {
+
+// NOLINTBEGIN(readability-identifier-naming): the names are Microsoft's
+
+// ---- Basic types ---------------------------------------------------------------------------------------------------
+
+using BYTE = unsigned char;
+using WORD = std::uint16_t;
+using DWORD = std::uint32_t;
+using LONG = std::int32_t;
+using ULONG = std::uint32_t;
+using BOOL = int;
+using UINT = unsigned int;
+using LONGLONG = std::int64_t;
+using ULONG_PTR = std::uintptr_t;
+using SIZE_T = std::size_t;
+using HANDLE = void*;
+using HLOCAL = void*;
+using LPCWSTR = const wchar_t*;
+using LPWSTR = wchar_t*;
+using LPCSTR = const char*;
+using PUCHAR = unsigned char*;
+
+union LARGE_INTEGER {
+    struct Parts {
+        DWORD LowPart;
+        LONG HighPart;
+    } u;
+    LONGLONG QuadPart;
+};
+
+struct FILETIME {
+    DWORD dwLowDateTime;
+    DWORD dwHighDateTime;
+};
+
+struct SECURITY_ATTRIBUTES {
+    DWORD nLength;
+    void* lpSecurityDescriptor;
+    BOOL bInheritHandle;
+};
+
+// Internal holds the outcome (the pending mark below, else 0 or the error code), InternalHigh the bytes transferred.
+struct OVERLAPPED {
+    ULONG_PTR Internal;
+    ULONG_PTR InternalHigh;
+    DWORD Offset;
+    DWORD OffsetHigh;
+    HANDLE hEvent;
+};
+
+constexpr BOOL FALSE = 0;
+constexpr BOOL TRUE = 1;
+constexpr DWORD INFINITE = 0xFFFFFFFF;
+constexpr DWORD MAXIMUM_WAIT_OBJECTS = 64;
+inline const HANDLE INVALID_HANDLE_VALUE = reinterpret_cast<HANDLE>(std::intptr_t{-1});
+
+// ---- Errors --------------------------------------------------------------------------------------------------------
+
+constexpr DWORD NO_ERROR = 0;
+constexpr DWORD ERROR_SUCCESS = 0;
+constexpr DWORD ERROR_FILE_NOT_FOUND = 2;
+constexpr DWORD ERROR_PATH_NOT_FOUND = 3;
+constexpr DWORD ERROR_TOO_MANY_OPEN_FILES = 4;
+constexpr DWORD ERROR_ACCESS_DENIED = 5;
+constexpr DWORD ERROR_INVALID_HANDLE = 6;
+constexpr DWORD ERROR_NOT_ENOUGH_MEMORY = 8;
+constexpr DWORD ERROR_GEN_FAILURE = 31;
+constexpr DWORD ERROR_SHARING_VIOLATION = 32;
+constexpr DWORD ERROR_HANDLE_EOF = 38;
+constexpr DWORD ERROR_INVALID_PARAMETER = 87;
+constexpr DWORD ERROR_BROKEN_PIPE = 109;
+constexpr DWORD ERROR_DISK_FULL = 112;
+constexpr DWORD ERROR_SEM_TIMEOUT = 121;
+constexpr DWORD ERROR_INSUFFICIENT_BUFFER = 122;
+constexpr DWORD ERROR_INVALID_NAME = 123;
+constexpr DWORD ERROR_ALREADY_EXISTS = 183;
+constexpr DWORD ERROR_PIPE_BUSY = 231;
+constexpr DWORD ERROR_PIPE_NOT_CONNECTED = 233;
+constexpr DWORD ERROR_MORE_DATA = 234;
+constexpr DWORD WAIT_TIMEOUT = 258;
+constexpr DWORD ERROR_NOT_OWNER = 288;
+constexpr DWORD ERROR_PIPE_LISTENING = 536;
+constexpr DWORD ERROR_HANDLES_CLOSED = 676;
+constexpr DWORD ERROR_ABANDONED_WAIT_0 = 735;
+constexpr DWORD ERROR_IO_INCOMPLETE = 996;
+constexpr DWORD ERROR_IO_PENDING = 997;
+
+DWORD GetLastError();
+void SetLastError(DWORD error);
+
+// ---- Handles, events and waits -------------------------------------------------------------------------------------
+
+constexpr DWORD WAIT_OBJECT_0 = 0;
+constexpr DWORD WAIT_ABANDONED = 0x80;
+constexpr DWORD WAIT_FAILED = 0xFFFFFFFF;
+
+BOOL CloseHandle(HANDLE handle);
+
+HANDLE CreateEventW(SECURITY_ATTRIBUTES* attributes, BOOL manualReset, BOOL initialState, LPCWSTR name);
+BOOL SetEvent(HANDLE event);
+BOOL ResetEvent(HANDLE event);
+
+DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds);
+DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds);
+
+// ---- Threads and the work-item pool --------------------------------------------------------------------------------
+
+using LPTHREAD_START_ROUTINE = DWORD (*)(void* parameter);
+
+constexpr ULONG WT_EXECUTEDEFAULT = 0;
+constexpr ULONG WT_EXECUTELONGFUNCTION = 0x10;
+
+HANDLE CreateThread(SECURITY_ATTRIBUTES* attributes, SIZE_T stackSize, LPTHREAD_START_ROUTINE start, void* parameter,
+                    DWORD flags, DWORD* threadId);
+DWORD GetCurrentThreadId();
+DWORD GetCurrentProcessId();
+void Sleep(DWORD milliseconds);
+BOOL QueueUserWorkItem(LPTHREAD_START_ROUTINE function, void* context, ULONG flags);
+
+// ---- Locks ---------------------------------------------------------------------------------------------------------
+
+struct CRITICAL_SECTION {
+    pthread_mutex_t mutex;
+};
+
+void InitializeCriticalSection(CRITICAL_SECTION* section);
+void DeleteCriticalSection(CRITICAL_SECTION* section);
+void EnterCriticalSection(CRITICAL_SECTION* section);
+void LeaveCriticalSection(CRITICAL_SECTION* section);
+BOOL TryEnterCriticalSection(CRITICAL_SECTION* section);
+
+struct SRWLOCK {
+    pthread_rwlock_t lock;
+};
+
+void InitializeSRWLock(SRWLOCK* lock);
+void AcquireSRWLockExclusive(SRWLOCK* lock);
+void ReleaseSRWLockExclusive(SRWLOCK* lock);
+void AcquireSRWLockShared(SRWLOCK* lock);
+void ReleaseSRWLockShared(SRWLOCK* lock);
+
+constexpr DWORD MUTEX_ALL_ACCESS = 0x1F0001;
+
+HANDLE CreateMutexW(SECURITY_ATTRIBUTES* attributes, BOOL initialOwner, LPCWSTR name);
+HANDLE OpenMutexW(DWORD access, BOOL inheritHandle, LPCWSTR name);
+BOOL ReleaseMutex(HANDLE mutex);
+
+// ---- Memory --------------------------------------------------------------------------------------------------------
+
+constexpr DWORD HEAP_ZERO_MEMORY = 0x8;
+constexpr UINT LPTR = 0x40; // fixed and zero-filled
+
+HANDLE GetProcessHeap();
+void* HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes);
+BOOL HeapFree(HANDLE heap, DWORD flags, void* block);
+HLOCAL LocalAlloc(UINT flags, SIZE_T bytes);
+HLOCAL LocalFree(HLOCAL block);
+
+// ---- Files ---------------------------------------------------------------------------------------------------------
+
+constexpr DWORD GENERIC_ALL = 0x10000000;
+constexpr DWORD GENERIC_WRITE = 0x40000000;
+constexpr DWORD GENERIC_READ = 0x80000000;
+constexpr DWORD FILE_SHARE_READ = 1;
+constexpr DWORD FILE_SHARE_WRITE = 2;
+constexpr DWORD CREATE_ALWAYS = 2;
+constexpr DWORD OPEN_EXISTING = 3;
+constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
+constexpr DWORD FILE_FLAG_OVERLAPPED = 0x40000000;
+constexpr DWORD FILE_FLAG_WRITE_THROUGH = 0x80000000;
+constexpr DWORD FILE_BEGIN = 0;
+constexpr DWORD FILE_CURRENT = 1;
+constexpr DWORD FILE_END = 2;
+
+HANDLE CreateFileA(LPCSTR name, DWORD access, DWORD share, SECURITY_ATTRIBUTES* attributes, DWORD disposition,
+                   DWORD flags, HANDLE templateFile);
+HANDLE CreateFileW(LPCWSTR name, DWORD access, DWORD share, SECURITY_ATTRIBUTES* attributes, DWORD disposition,
+                   DWORD flags, HANDLE templateFile);
+BOOL ReadFile(HANDLE file, void* buffer, DWORD count, DWORD* transferred, OVERLAPPED* overlapped);
+BOOL WriteFile(HANDLE file, const void* buffer, DWORD count, DWORD* transferred, OVERLAPPED* overlapped);
+BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* newPosition, DWORD method);
+BOOL SetEndOfFile(HANDLE file);
+
+// ---- Named pipes and completion ports ------------------------------------------------------------------------------
+
+constexpr DWORD PIPE_ACCESS_DUPLEX = 3;
+constexpr DWORD PIPE_TYPE_BYTE = 0;
+constexpr DWORD PIPE_READMODE_BYTE = 0;
+constexpr DWORD PIPE_WAIT = 0;
+constexpr DWORD PIPE_UNLIMITED_INSTANCES = 255;
+
+HANDLE CreateNamedPipeW(LPCWSTR name, DWORD openMode, DWORD pipeMode, DWORD maxInstances, DWORD outBufferSize,
+                        DWORD inBufferSize, DWORD defaultTimeout, SECURITY_ATTRIBUTES* attributes);
+BOOL ConnectNamedPipe(HANDLE pipe, OVERLAPPED* overlapped);
+BOOL DisconnectNamedPipe(HANDLE pipe);
+BOOL WaitNamedPipeW(LPCWSTR name, DWORD milliseconds);
+BOOL SetNamedPipeHandleState(HANDLE pipe, DWORD* mode, DWORD* maxCollectionCount, DWORD* collectDataTimeout);
+BOOL GetOverlappedResult(HANDLE file, OVERLAPPED* overlapped, DWORD* transferred, BOOL wait);
+
+HANDLE CreateIoCompletionPort(HANDLE file, HANDLE existingPort, ULONG_PTR key, DWORD concurrentThreads);
+BOOL GetQueuedCompletionStatus(HANDLE port, DWORD* transferred, ULONG_PTR* key, OVERLAPPED** overlapped,
+                               DWORD milliseconds);
+BOOL PostQueuedCompletionStatus(HANDLE port, DWORD transferred, ULONG_PTR key, OVERLAPPED* overlapped);
+
+// ---- Security descriptors ------------------------------------------------------------------------------------------
+
+using PSID = void*;
+using PACL = struct AccessList*; // opaque, from SetEntriesInAclW, freed with LocalFree
+using PSECURITY_DESCRIPTOR = void*;
+
+struct SID_IDENTIFIER_AUTHORITY {
+    BYTE Value[6];
+};
+
+enum ACCESS_MODE { NOT_USED_ACCESS, GRANT_ACCESS, SET_ACCESS, DENY_ACCESS };
+enum MULTIPLE_TRUSTEE_OPERATION { NO_MULTIPLE_TRUSTEE };
+enum TRUSTEE_FORM { TRUSTEE_IS_SID, TRUSTEE_IS_NAME };
+enum TRUSTEE_TYPE {
+    TRUSTEE_IS_UNKNOWN,
+    TRUSTEE_IS_USER,
+    TRUSTEE_IS_GROUP,
+    TRUSTEE_IS_DOMAIN,
+    TRUSTEE_IS_ALIAS,
+    TRUSTEE_IS_WELL_KNOWN_GROUP
+};
+
+struct TRUSTEE_W {
+    TRUSTEE_W* pMultipleTrustee;
+    MULTIPLE_TRUSTEE_OPERATION MultipleTrusteeOperation;
+    TRUSTEE_FORM TrusteeForm;
+    TRUSTEE_TYPE TrusteeType;
+    LPWSTR ptstrName; // the SID when TrusteeForm is TRUSTEE_IS_SID
+};
+
+struct EXPLICIT_ACCESS_W {
+    DWORD grfAccessPermissions;
+    ACCESS_MODE grfAccessMode;
+    DWORD grfInheritance;
+    TRUSTEE_W Trustee;
+};
+
+constexpr DWORD NO_INHERITANCE = 0;
+constexpr DWORD SECURITY_DESCRIPTOR_REVISION = 1;
+constexpr DWORD SDDL_REVISION_1 = 1;
+constexpr SIZE_T SECURITY_DESCRIPTOR_MIN_LENGTH = 40;
+
+BOOL AllocateAndInitializeSid(SID_IDENTIFIER_AUTHORITY* authority, BYTE subAuthorityCount, DWORD sub0, DWORD sub1,
+                              DWORD sub2, DWORD sub3, DWORD sub4, DWORD sub5, DWORD sub6, DWORD sub7, PSID* sid);
+void* FreeSid(PSID sid);
+DWORD SetEntriesInAclW(ULONG count, EXPLICIT_ACCESS_W* entries, PACL oldAcl, PACL* newAcl);
+BOOL InitializeSecurityDescriptor(PSECURITY_DESCRIPTOR descriptor, DWORD revision);
+BOOL SetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR descriptor, BOOL present, PACL dacl, BOOL defaulted);
+BOOL ConvertStringSecurityDescriptorToSecurityDescriptorW(LPCWSTR text, DWORD revision,
+                                                          PSECURITY_DESCRIPTOR* descriptor, ULONG* size);
+
+// ---- Random source and block cipher --------------------------------------------------------------------------------
+
+using HCRYPTPROV = ULONG_PTR;
+constexpr DWORD PROV_RSA_AES = 24;
+constexpr DWORD CRYPT_VERIFYCONTEXT = 0xF0000000;
+
+BOOL CryptAcquireContextA(HCRYPTPROV* provider, LPCSTR container, LPCSTR providerName, DWORD type, DWORD flags);
+BOOL CryptGenRandom(HCRYPTPROV provider, DWORD length, BYTE* buffer);
+BOOL CryptReleaseContext(HCRYPTPROV provider, DWORD flags);
+
+using NTSTATUS = LONG; // negative: failure
+using BCRYPT_HANDLE = void*;
+using BCRYPT_ALG_HANDLE = void*;
+using BCRYPT_KEY_HANDLE = void*;
+constexpr LPCWSTR BCRYPT_AES_ALGORITHM = L"AES";
+constexpr LPCWSTR BCRYPT_CHAINING_MODE = L"ChainingMode";
+constexpr wchar_t BCRYPT_CHAIN_MODE_CBC[] = L"ChainingModeCBC";
+
+NTSTATUS BCryptOpenAlgorithmProvider(BCRYPT_ALG_HANDLE* algorithm, LPCWSTR id, LPCWSTR implementation, ULONG flags);
+NTSTATUS BCryptCloseAlgorithmProvider(BCRYPT_ALG_HANDLE algorithm, ULONG flags);
+NTSTATUS BCryptSetProperty(BCRYPT_HANDLE object, LPCWSTR property, PUCHAR value, ULONG valueSize, ULONG flags);
+NTSTATUS BCryptGenerateSymmetricKey(BCRYPT_ALG_HANDLE algorithm, BCRYPT_KEY_HANDLE* key, PUCHAR keyObject,
+                                    ULONG keyObjectSize, PUCHAR secret, ULONG secretSize, ULONG flags);
+NTSTATUS BCryptDestroyKey(BCRYPT_KEY_HANDLE key);
+NTSTATUS BCryptEncrypt(BCRYPT_KEY_HANDLE key, PUCHAR input, ULONG inputSize, void* paddingInfo, PUCHAR iv, ULONG ivSize,
+                       PUCHAR output, ULONG outputSize, ULONG* resultSize, ULONG flags);
+NTSTATUS BCryptDecrypt(BCRYPT_KEY_HANDLE key, PUCHAR input, ULONG inputSize, void* paddingInfo, PUCHAR iv, ULONG ivSize,
+                       PUCHAR output, ULONG outputSize, ULONG* resultSize, ULONG flags);
+
+// ---- Processes -----------------------------------------------------------------------------------------------------
+
+struct PROCESS_MEMORY_COUNTERS {
+    DWORD cb;
+    DWORD PageFaultCount;
+    SIZE_T PeakWorkingSetSize;
+    SIZE_T WorkingSetSize;
+    SIZE_T QuotaPeakPagedPoolUsage;
+    SIZE_T QuotaPagedPoolUsage;
+    SIZE_T QuotaPeakNonPagedPoolUsage;
+    SIZE_T QuotaNonPagedPoolUsage;
+    SIZE_T PagefileUsage;
+    SIZE_T PeakPagefileUsage;
+};
+static_assert(sizeof(PROCESS_MEMORY_COUNTERS) == 72);
+
+struct STARTUPINFOW {
+    DWORD cb;
+    LPWSTR lpReserved;
+    LPWSTR lpDesktop;
+    LPWSTR lpTitle;
+    DWORD dwX, dwY, dwXSize, dwYSize, dwXCountChars, dwYCountChars, dwFillAttribute;
+    DWORD dwFlags;
+    WORD wShowWindow;
+    WORD cbReserved2;
+    BYTE* lpReserved2;
+    HANDLE hStdInput, hStdOutput, hStdError;
+};
+
+struct PROCESS_INFORMATION {
+    HANDLE hProcess;
+    HANDLE hThread;
+    DWORD dwProcessId;
+    DWORD dwThreadId;
+};
+
+constexpr DWORD STARTF_USESTDHANDLES = 0x100;
+constexpr DWORD HANDLE_FLAG_INHERIT = 1;
+constexpr DWORD STD_INPUT_HANDLE = static_cast<DWORD>(-10);
+constexpr DWORD STD_OUTPUT_HANDLE = static_cast<DWORD>(-11);
+constexpr DWORD STD_ERROR_HANDLE = static_cast<DWORD>(-12);
+
+HANDLE GetCurrentProcess();
+BOOL K32GetProcessMemoryInfo(HANDLE process, PROCESS_MEMORY_COUNTERS* counters, DWORD size);
+BOOL CreateProcessW(LPCWSTR application, LPWSTR commandLine, SECURITY_ATTRIBUTES* processAttributes,
+                    SECURITY_ATTRIBUTES* threadAttributes, BOOL inheritHandles, DWORD flags, void* environment,
+                    LPCWSTR directory, STARTUPINFOW* startup, PROCESS_INFORMATION* information);
+BOOL TerminateProcess(HANDLE process, UINT exitCode);
+BOOL GetExitCodeProcess(HANDLE process, DWORD* exitCode);
+BOOL CreatePipe(HANDLE* readEnd, HANDLE* writeEnd, SECURITY_ATTRIBUTES* attributes, DWORD size);
+BOOL SetHandleInformation(HANDLE handle, DWORD mask, DWORD flags);
+HANDLE GetStdHandle(DWORD which);
+DWORD GetModuleFileNameW(HANDLE module, LPWSTR path, DWORD size);
+BOOL SetEnvironmentVariableW(LPCWSTR name, LPCWSTR value);
+
+// NOLINTEND(readability-identifier-naming)
+
+} // namespace Vantor::Sentrix::Platform
