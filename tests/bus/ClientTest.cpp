@@ -1,0 +1,447 @@
+// The client API over the engine: a host and an echo module in processes of their own, clients and raw peers in this.
+#include "tests/support/BusProgram.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/RawPeer.h"
+#include "veyrasvc/bus/BasePacket.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Vantor::Sentrix {
+namespace {
+
+constexpr int kEchoModule = 0x50000;
+constexpr int kMe = 0x60000;
+constexpr int kOther = 0x60001;
+constexpr int kNobody = 0x7DEAD;
+constexpr std::uint32_t kPeerPid = 0x7F000001;
+constexpr std::size_t kTenMebibytes = 10 * 1024 * 1024;
+
+// A client that opens what is for classes derived from it, and keeps what it receives.
+struct Client : IPCMessageClient {
+    explicit Client(int id, bool forwardPosts = false) : IPCMessageClient(id, false, forwardPosts) {}
+    using IPCMessageClient::Bregister;
+    using IPCMessageClient::OnRecvIPCMessage;
+    using IPCMessageClient::OnRecvPublishIPCMessage;
+
+    void Collect(int msgId) {
+        RegisterMessageCallback(msgId, [this](TagIPCMessageItem& item) { bodies.Put(BodyOf(item)); });
+    }
+    void CollectPublications() {
+        RegisterPublishMessageCallback([this](TagIPCMessageItem& item) {
+            publications.Put(std::to_string(item.fromModuleId) + ":" + std::to_string(item.msgId));
+        });
+    }
+    Mailbox<std::string> bodies;
+    Mailbox<std::string> publications;
+};
+
+class ClientTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        s_host = new Role("host");
+        s_echo = new Role("echo", kEchoModule);
+        EXPECT_TRUE(AskUntilAnswered(Client(kMe), kEchoModule));
+    }
+    static void TearDownTestSuite() {
+        delete s_echo;
+        delete s_host;
+    }
+    // When it returns everything this process sent before has been routed.
+    static void Flush(const Client& client) { EXPECT_TRUE(Ask(client, kEchoModule)); }
+
+    static Role* s_host;
+    static Role* s_echo;
+};
+Role* ClientTest::s_host = nullptr;
+Role* ClientTest::s_echo = nullptr;
+
+// A peer that serves one module more besides `alsoServes`, and sees what that one is sent.
+class Twin {
+public:
+    explicit Twin(int alsoServes) {
+        m_peer.Register(kPeerPid, std::to_string(kMark) + " " + std::to_string(alsoServes) + " ");
+        Seen();
+    }
+    // The bodies that came until all that was routed before had come, without notices.
+    std::vector<std::string> Seen() {
+        m_peer.Send(RawPacket{.to = kMark});
+        std::vector<std::string> bodies;
+        while (const auto frame = m_peer.NextFrame()) {
+            const RawPacket packet = ParseRawFrame(*frame);
+            if (packet.to == kMark) {
+                break;
+            }
+            if (packet.from != 0x10000) {
+                bodies.push_back(packet.body);
+            }
+        }
+        return bodies;
+    }
+
+private:
+    static constexpr std::uint32_t kMark = 0xABCDE;
+    RawPeer m_peer;
+};
+
+BasePacket Packet(std::uint32_t from, std::uint32_t msgId, std::uint32_t type = 0x10004, std::string body = {}) {
+    BasePacket packet;
+    packet.SetFrom(from);
+    packet.SetMsgId(msgId);
+    packet.SetMsgType(type);
+    packet.SetBody(std::move(body));
+    return packet;
+}
+
+std::shared_ptr<BasePacket> Shared(BasePacket packet) {
+    return std::make_shared<BasePacket>(std::move(packet));
+}
+
+// ---- Synchronous sends ---------------------------------------------------------------------------------------------
+
+TEST_F(ClientTest, AnswersComeByAllThreeForms) {
+    const Client client(kMe);
+    for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{5000}, kTenMebibytes}) {
+        for (const int msgId : {kEcho, kEchoEncrypted}) {
+            const std::string body = Pattern(length);
+            TagIPCMessageItem request = Item(kEchoModule, msgId, body, -1, 7);
+            request.encrypt = msgId == kEchoEncrypted;
+
+            TagIPCMessageItem answer;
+            ASSERT_TRUE(client.SendIPCMessage(request, answer, kNoLimit)) << length;
+            EXPECT_TRUE(BodyOf(answer) == body) << length;
+            EXPECT_EQ(answer.data == nullptr, length == 0);
+            ::operator delete(answer.data);
+            EXPECT_EQ(std::tie(answer.fromModuleId, answer.toModuleId, answer.msgId, answer.uniqMsgId),
+                      std::make_tuple(kEchoModule, kMe, msgId, 7));
+
+            request.replyMsgId = 99;
+            TagIPCMessageItemRecv record;
+            record.data = "old";
+            ASSERT_TRUE(client.SendIPCMessage(request, 99, record, kNoLimit));
+            EXPECT_TRUE(record.data == (length == 0 ? "old" : body)) << length;
+            EXPECT_EQ(std::tie(record.fromModuleId, record.toModuleId, record.msgId, record.uniqMsgId),
+                      std::make_tuple(kEchoModule, kMe, 99, 7));
+
+            bool same = false;
+            ASSERT_TRUE(client.SendIPCMessage(request, 99, kNoLimit,
+                                              [&](TagIPCMessageItem& item) { same = BodyOf(item) == body; }));
+            EXPECT_TRUE(same) << length;
+        }
+    }
+    TagIPCMessageItem request = Item(kEchoModule, kEcho);
+    EXPECT_THROW(client.SendIPCMessage(request, kEcho, kNoLimit, nullptr), std::bad_function_call);
+}
+
+TEST_F(ClientTest, WaitsEndWithoutAnAnswer) {
+    LogCapture log;
+    const Client client(kMe);
+    EXPECT_FALSE(Ask(client, kNobody)) << "nobody is there, which the server tells at once";
+    TagIPCMessageItem unanswered = Item(kEchoModule, kHold);
+    TagIPCMessageItemRecv answer;
+    EXPECT_FALSE(client.SendIPCMessage(unanswered, -2, answer, 1));
+    EXPECT_EQ(
+        log.Count(log4cplus::WARN_LOG_LEVEL, "sync. fail to recv reply message. sendMessageId=4, wakeupMessageId=-2"),
+        1U);
+    log.Take();
+    EXPECT_EQ(Ask(client, kEchoModule, "mine", 5, kEchoTwice), "mine");
+    EXPECT_GE(log.Count(log4cplus::DEBUG_LOG_LEVEL, "illegal messages."), 1U);
+    EXPECT_EQ(log.Count(log4cplus::DEBUG_LOG_LEVEL, "find not offline msg. msgId=100, uniqId=5"), 1U);
+}
+
+TEST_F(ClientTest, ManyThreadsGetTheirOwnAnswers) {
+    const Client client(kMe);
+    const Client forwarding(kOther, true);
+    std::vector<std::thread> threads;
+    std::atomic<int> right{0};
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            constexpr std::size_t kLengths[] = {10, 5000, 40'000, 100'000};
+            for (int i = 0; i < 50; ++i) {
+                const int number = t * 1000 + i;
+                const std::string body = Pattern(kLengths[i % 4], static_cast<std::uint32_t>(number));
+                const bool encrypt = i % 5 == 0;
+                right += Ask(t % 2 == 0 ? client : forwarding, kEchoModule, body, number,
+                             encrypt ? kEchoEncrypted : kEcho, encrypt) == body;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(right, 400);
+}
+
+// ---- Posts and publications ----------------------------------------------------------------------------------------
+
+TEST_F(ClientTest, PostsStayInTheProcessUnlessTheReceiverWantsThemForwarded) {
+    Client sender(kMe);
+    for (const bool forward : {false, true}) {
+        Client receiver(kOther, forward);
+        Flush(sender);
+        Twin twin(kOther);
+        receiver.Collect(1);
+        receiver.RegisterMessageCallback(2, [&](TagIPCMessageItem& item) {
+            receiver.PostIPCMessage(Item(item.fromModuleId, item.replyMsgId, "answer"));
+        });
+        EXPECT_TRUE(sender.PostIPCMessage(Item(kOther, 1, "post")));
+        EXPECT_EQ(receiver.bodies.Take(), "post");
+        EXPECT_EQ(Ask(sender, kOther, "request", 0, 2), "answer");
+        Flush(sender);
+        EXPECT_EQ(twin.Seen(), forward ? std::vector<std::string>{"post"} : std::vector<std::string>{});
+        EXPECT_TRUE(receiver.bodies.IsEmpty());
+    }
+}
+
+TEST_F(ClientTest, BroadcastsReachEveryoneTheSenderIncluded) {
+    Client sender(kMe);
+    Client local(kOther, true);
+    sender.Collect(20);
+    local.Collect(20);
+    Twin twin(1);
+    sender.PostIPCMessage(Item(0, 20, "all"));
+    Flush(sender);
+    EXPECT_EQ(sender.bodies.Take(), "all");
+    EXPECT_EQ(local.bodies.Take(), "all");
+    EXPECT_EQ(twin.Seen(), std::vector<std::string>{"all"});
+    EXPECT_TRUE(sender.bodies.IsEmpty() && local.bodies.IsEmpty());
+}
+
+TEST_F(ClientTest, SubscriptionsDecideWhatIsSeen) {
+    const std::string about7 = LittleEndian(7);
+    struct Case {
+        const char* what;
+        std::function<void(Client&)> subscribe;
+        BasePacket packet;
+        bool seen;
+        std::uint32_t from; // afterwards
+    };
+    const auto one = [](Client& c) { c.SubscribeIPCMessage(7, 5); };
+    const auto all = [](Client& c) { c.SubscribeIPCMessage(7, 0); };
+    const Case cases[] = {
+        {"nothing subscribed", [](Client&) {}, Packet(7, 5), false, 7},
+        {"that message", one, Packet(7, 5), true, 7},
+        {"another message", one, Packet(7, 6), false, 7},
+        {"another module", one, Packet(8, 5), false, 8},
+        {"any message", all, Packet(7, 6), true, 7},
+        {"its notices", all, Packet(0x10000, 0x10005, 0x10004, about7 + "x"), true, 7},
+        {"its notices", all, Packet(0x10000, 0x10006, 0x10004, about7), true, 7},
+        {"one kind of notice", [](Client& c) { c.SubscribeIPCMessage(7, 0x10005); },
+         Packet(0x10000, 0x10006, 0x10004, about7), false, 7},
+        {"another's notices", all, Packet(0x10000, 0x10006, 0x10004, LittleEndian(8)), false, 0x10000},
+        {"a short notice", all, Packet(0x10000, 0x10006, 0x10004, "\7"), false, 0x10000},
+        {"no notice", all, Packet(0x10000, 0x10007, 0x10004, about7), false, 0x10000},
+        {"the server's", [](Client& c) { c.SubscribeIPCMessage(0x10000, 0); },
+         Packet(0x10000, 0x10006, 0x10004, about7), true, 0x10000},
+        {"taken back", [&](Client& c) { one(c), c.UnSubscribeIPCMessage(7, 5); }, Packet(7, 5), false, 7},
+        {"all is one subscription", [&](Client& c) { all(c), c.UnSubscribeIPCMessage(7, 5); }, Packet(7, 5), true, 7},
+        {"all of a module", [&](Client& c) { one(c), all(c), c.UnSubscribeIPCMessage(7, 0); }, Packet(7, 5), false, 7},
+        {"held once", [&](Client& c) { one(c), one(c), c.UnSubscribeIPCMessage(7, 5); }, Packet(7, 5), false, 7},
+        {"everything", [&](Client& c) { one(c), c.UnRegisterMessageCallbackAll(); }, Packet(7, 5), false, 7},
+    };
+    for (const Case& row : cases) {
+        Client client(kMe);
+        row.subscribe(client);
+        BasePacket packet = row.packet;
+        EXPECT_EQ(client.Bregister(packet), row.seen) << row.what;
+        EXPECT_EQ(packet.GetFrom(), row.from) << row.what;
+    }
+}
+
+TEST_F(ClientTest, PublicationsAndPresenceComeFromOtherProcessesAndThisOne) {
+    Client client(kMe);
+    Client local(kOther);
+    for (Client* each : {&client, &local}) {
+        each->SubscribeIPCMessage(kMe, 3);
+        each->SubscribeIPCMessage(0x900, 0);
+        each->CollectPublications();
+    }
+    TagIPCMessageItem item = Item(kNobody, 3);
+    EXPECT_TRUE(client.PublishIPCMessage(item));
+    EXPECT_EQ(item.msgType, 0x10004);
+    EXPECT_EQ(client.publications.Take(), "393216:3");
+    EXPECT_EQ(local.publications.Take(), "393216:3");
+    Flush(client);
+    {
+        RawPeer peer;
+        peer.Register(kPeerPid, "2304 ");
+        EXPECT_EQ(client.publications.Take(), "2304:65542");
+        for (const std::uint32_t from : {0x901U, 0x900U}) {
+            peer.Send(RawPacket{.to = 1, .from = from, .msgId = 4, .msgType = 0x10004});
+        }
+        EXPECT_EQ(client.publications.Take(), "2304:4");
+    }
+    for (Client* each : {&client, &local}) {
+        while (each->publications.Take() != "2304:65541") {
+        }
+    }
+    EXPECT_TRUE(client.publications.IsEmpty());
+}
+
+TEST_F(ClientTest, StatusQueriesAreAnsweredByCallbacks) {
+    Client client(kMe);
+    for (const int msgId : {0x10005, 0x10006}) {
+        client.RegisterMessageCallback(msgId, [&](TagIPCMessageItem& item) {
+            client.bodies.Put((item.msgId == 0x10006 ? "online " : "offline ") + BodyOf(item));
+        });
+    }
+    EXPECT_TRUE(client.QueryModuleStatus(kEchoModule));
+    EXPECT_EQ(client.bodies.Take(), "online " + LittleEndian(kEchoModule));
+    EXPECT_TRUE(client.QueryModuleStatus(kNobody));
+    EXPECT_EQ(client.bodies.Take(), "offline " + LittleEndian(kNobody));
+}
+
+// ---- Callbacks -----------------------------------------------------------------------------------------------------
+
+TEST_F(ClientTest, MessagesFindTheirCallback) {
+    LogCapture log;
+    Client client(kMe);
+    std::string called;
+    for (const int msgId : {1, 2, 0, -1}) {
+        client.RegisterMessageCallback(msgId, [&](TagIPCMessageItem&) { called += "first "; });
+    }
+    client.RegisterMessageCallback(1, [&](TagIPCMessageItem& item) {
+        called += "second ";
+        EXPECT_TRUE(item.dataLen == 0 && item.data == nullptr && !item.encrypt);
+    });
+    client.RegisterMessageCallback(3, nullptr);
+    client.UnRegisterMessageCallback(2);
+    client.RegisterPublishMessageCallback([&](TagIPCMessageItem&) { called += "published "; });
+    client.SubscribeIPCMessage(8, 0);
+    for (const std::uint32_t msgId : {0U, 0xFFFFFFFFU, 1U, 3U}) {
+        client.OnRecvIPCMessage(Shared(Packet(8, msgId, 0)));
+    }
+    client.OnRecvPublishIPCMessage(Shared(Packet(8, 1, 0))); // not a publication
+    client.OnRecvPublishIPCMessage(Shared(Packet(8, 1)));
+    EXPECT_EQ(called, "second published ");
+    for (const auto& [level, text] : log.Take()) {
+        EXPECT_LT(level, log4cplus::WARN_LOG_LEVEL) << text;
+    }
+    BasePacket damaged = Packet(8, 1, 0x10004, "no ciphertext");
+    damaged.SetEncrypted(true);
+    client.OnRecvIPCMessage(Shared(Packet(8, 2, 0)));
+    client.OnRecvIPCMessage(Shared(damaged));
+    client.OnRecvPublishIPCMessage(Shared(damaged));
+    EXPECT_EQ(called, "second published ");
+    for (const char* text : {"fail to find async ipc message callback. messageid=2, m_moduleId=393216",
+                             "fail to convert async ipc obj to struct. messageid=1",
+                             "fail to convert publish ipc obj to struct. messageid=1"}) {
+        EXPECT_EQ(log.Count(log4cplus::WARN_LOG_LEVEL, text), 1U) << text;
+    }
+}
+
+TEST_F(ClientTest, ACallbackThatThrowsIsLoggedAndTheProcessLives) {
+    const LogCapture log;
+    Client client(kMe);
+    client.RegisterMessageCallback(1, [](TagIPCMessageItem&) { throw std::runtime_error("out of luck"); });
+    client.RegisterMessageCallback(2, [](TagIPCMessageItem&) { throw 7; });
+    client.Collect(3);
+    for (const int msgId : {1, 2, 3}) {
+        client.PostIPCMessage(Item(kMe, msgId, "next"));
+    }
+    EXPECT_TRUE(log.Await(log4cplus::ERROR_LOG_LEVEL, "ipc message callback threw. messageid=1, what=out of luck"));
+    EXPECT_TRUE(log.Await(log4cplus::ERROR_LOG_LEVEL, "ipc message callback threw. messageid=2"));
+    EXPECT_EQ(client.bodies.Take(), "next");
+}
+
+TEST_F(ClientTest, ACallbackMayUseTheBusAndChangeItsClient) {
+    Client client(kMe);
+    client.RegisterMessageCallback(1, [&](TagIPCMessageItem&) {
+        client.bodies.Put(Ask(client, kEchoModule, "from inside").value_or("none"));
+        client.UnRegisterMessageCallback(1);
+        client.Collect(2);
+        Client shortLived(kOther);
+        shortLived.Collect(3);
+        client.PostIPCMessage(Item(kOther, 3, "to a new client"));
+        client.bodies.Put(shortLived.bodies.Take().value_or("none"));
+        client.PostIPCMessage(Item(kMe, 2, "to the new callback"));
+    });
+    client.PostIPCMessage(Item(kMe, 1));
+    for (const char* body : {"from inside", "to a new client", "to the new callback"}) {
+        EXPECT_EQ(client.bodies.Take(), body);
+    }
+}
+
+TEST_F(ClientTest, ASlowCallbackHoldsUpNobody) {
+    Client client(kMe);
+    Tally released;
+    client.RegisterMessageCallback(1, [&](TagIPCMessageItem&) { EXPECT_TRUE(released.Await(1)); });
+    client.Collect(2);
+    for (int i = 0; i < 20; ++i) {
+        client.PostIPCMessage(Item(kMe, 1));
+    }
+    client.PostIPCMessage(Item(kMe, 2, "past them"));
+    EXPECT_EQ(client.bodies.Take(), "past them");
+    EXPECT_TRUE(Ask(client, kEchoModule));
+    released.Add();
+}
+
+TEST_F(ClientTest, ACallbackMayDestroyItsClient) {
+    Client sender(kOther);
+    for (int i = 0; i < 50; ++i) {
+        auto client = std::make_unique<Client>(kMe);
+        Tally destroyed;
+        std::atomic<bool> first{true};
+        client->RegisterMessageCallback(1, [&, held = std::string(100, 'x')](TagIPCMessageItem& item) {
+            if (first.exchange(false)) {
+                client.reset();
+                EXPECT_EQ(BodyOf(item) + held, "still readable" + std::string(100, 'x'));
+                destroyed.Add();
+            }
+        });
+        for (int n = 0; n < 5; ++n) {
+            sender.PostIPCMessage(Item(kMe, 1, "still readable"));
+        }
+        EXPECT_TRUE(destroyed.Await(1));
+        EXPECT_EQ(client, nullptr);
+    }
+}
+
+TEST_F(ClientTest, AClientIsDestroyedWithMessagesOnTheirWay) {
+    std::atomic<int> late{0};
+    std::atomic<bool> stop{false};
+    std::thread senders[2];
+    for (std::thread& sender : senders) {
+        sender = std::thread([&] {
+            const Client local(kOther);
+            while (!stop) {
+                local.PostIPCMessage(Item(kMe, 1, "x"));
+                Ask(local, kEchoModule); // no faster than the bus
+            }
+        });
+    }
+    for (int i = 0; i < 100; ++i) {
+        std::atomic<bool> alive{true};
+        Tally received;
+        auto client = std::make_unique<Client>(kMe);
+        client->RegisterMessageCallback(1, [&](TagIPCMessageItem&) {
+            received.Add();
+            late += alive ? 0 : 1;
+        });
+        for (int n = 0; n < 50; ++n) {
+            client->PostIPCMessage(Item(kMe, 1, "x"));
+        }
+        EXPECT_TRUE(received.Await(1));
+        client.reset();
+        alive = false;
+    }
+    stop = true;
+    for (std::thread& sender : senders) {
+        sender.join();
+    }
+    EXPECT_EQ(late, 0);
+}
+
+} // namespace
+} // namespace Vantor::Sentrix
+
+int main(int argc, char** argv) {
+    return Vantor::Sentrix::RunBusProgram(argc, argv);
+}

@@ -1,0 +1,302 @@
+// What must not hurt: hosts that are killed, that send rubbish, engines that are stopped and processes that exit with
+// all of it under way.
+#include "tests/support/BusProgram.h"
+#include "tests/support/RawPeer.h"
+#include "veyrasvc/bus/NamedPipeIOCP.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace Vantor::Sentrix {
+namespace {
+
+constexpr int kEchoModule = 0x50000;
+constexpr int kMe = 0x60000;
+constexpr int kOther = 0x60001;
+constexpr int kServer = 0x10000;
+constexpr int kAnswer = 30;
+constexpr int kPing = 31;
+constexpr int kMarker = 32;
+constexpr int kBlock = 33;
+constexpr std::uint32_t kOffline = 0x10005;
+
+// A host in this process that looks after the echo module's messages itself: it keeps them or answers them. It sends
+// rubbish in place of one answer when it is told to.
+class FakeHost : public IOCPServer {
+public:
+    explicit FakeHost(bool answers) : m_answers(answers) { Start(); }
+    ~FakeHost() { Stop(); }
+
+    void SendOnce(std::string rubbish) {
+        const std::lock_guard guard(m_mutex);
+        m_rubbish = std::move(rubbish);
+    }
+    bool OnNewConnection(IOCPContext*) override {
+        m_connections.Add();
+        return true;
+    }
+    void OnRecvData(IOCPContext* context, IOCPBuffer* buffer) override {
+        std::string& received = m_received[context];
+        received.append(buffer->m_data, buffer->m_length);
+        bool corrupt = false;
+        while (const auto frame = CutRawFrame(received, corrupt)) {
+            const RawPacket packet = ParseRawFrame(*frame);
+            if (packet.to == kEchoModule && m_answers) {
+                Answer(context, packet);
+            } else if (packet.to == kEchoModule) {
+                m_kept.Put(packet);
+            }
+        }
+    }
+    Tally m_connections;
+    Mailbox<RawPacket> m_kept;
+
+private:
+    void Answer(IOCPContext* context, RawPacket packet) {
+        std::swap(packet.to, packet.from);
+        packet.msgId = packet.replyMsgId;
+        std::string answer = packet.Frame();
+        answer.back() ^= 1; // a client does not look at the payload's checksum
+        const std::lock_guard guard(m_mutex);
+        const std::string bytes = m_rubbish.empty() ? answer : std::exchange(m_rubbish, {});
+        SendText(context, bytes.data(), static_cast<int>(bytes.size()));
+    }
+
+    const bool m_answers;
+    std::mutex m_mutex;
+    std::string m_rubbish;                          // guarded by m_mutex
+    std::map<IOCPContext*, std::string> m_received; // touched by the worker only
+};
+
+// ---- A host that dies ----------------------------------------------------------------------------------------------
+
+TEST(FaultsTest, AHostIsKilledUnderLoadAndEveryoneComesBack) {
+    auto host = std::make_unique<Role>("host");
+    const Role echo("echo", kEchoModule);
+    IPCMessageClient client(kMe, false, false);
+    const IPCMessageClient poster(kOther, false, false);
+    Tally held;
+    client.RegisterMessageCallback(kHeld, [&](TagIPCMessageItem&) { held.Add(); });
+    ASSERT_TRUE(AskUntilAnswered(client, kEchoModule));
+
+    std::atomic<bool> stop{false};
+    Tally answers;
+    std::vector<std::thread> load;
+    for (int t = 0; t < 4; ++t) {
+        load.emplace_back([&, t] {
+            for (int i = 0; !stop; ++i) {
+                const std::string body = Pattern(static_cast<std::size_t>(i % 10) * 10'000, static_cast<unsigned>(i));
+                const auto answer = Ask(client, kEchoModule, body, t * 1'000'000 + i, kEcho, false, kSoonMs);
+                EXPECT_TRUE(!answer || *answer == body);
+                answers.Add(answer ? 1 : 0);
+            }
+        });
+    }
+    for (int round = 1; round <= 2; ++round) {
+        std::vector<std::thread> waits;
+        for (int t = 0; t < 8; ++t) {
+            waits.emplace_back([&, t] { EXPECT_FALSE(Ask(client, kEchoModule, "?", -1 - t, kHold)); });
+        }
+        EXPECT_TRUE(held.Await(8 * round));
+        EXPECT_TRUE(answers.Await(answers.Value() + 50));
+        host->Kill();
+        for (std::thread& wait : waits) {
+            wait.join(); // nobody has to come back for that
+        }
+        host.reset(); // is gone as a whole, and its pipe with it
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_TRUE(poster.PostIPCMessage(Item(kEchoModule, kMarker, "queued", -1, i)));
+        }
+        auto successor = std::make_unique<FakeHost>(false);
+        for (std::uint32_t i = 0; i < 20;) {
+            const auto packet = successor->m_kept.Take();
+            ASSERT_TRUE(packet);
+            if (packet->msgId == kMarker) {
+                EXPECT_EQ(packet->uniqMsgId, i++) << "what was queued comes, in order";
+            }
+        }
+        successor.reset();
+        host = std::make_unique<Role>("host");
+        EXPECT_TRUE(AskUntilAnswered(client, kEchoModule));
+        EXPECT_TRUE(answers.Await(answers.Value() + 50));
+    }
+    stop = true;
+    for (std::thread& thread : load) {
+        thread.join();
+    }
+}
+
+// ---- A host that talks rubbish -------------------------------------------------------------------------------------
+
+TEST(FaultsTest, AClientSurvivesRubbishFromItsHost) {
+    IPCMessageClient client(kMe, false, false);
+    const std::string words = BigEndian(0xFFFFFFFF) + BigEndian(0) + BigEndian(0);
+    const std::string endless = words + BigEndian(RawCrc(words)) + Pattern(10'000);
+    const RawPacket unexpected[] = {{.to = kMe, .msgId = kPing, .encrypted = 1, .body = "no ciphertext"},
+                                    {.to = kMe, .msgType = 0x10004},
+                                    {.to = 1, .msgId = kOffline, .body = "x"}};
+    std::string oddFrames = RawFrame("") + RawFrame("\1\2\3");
+    for (const RawPacket& packet : unexpected) {
+        oddFrames += packet.Frame();
+    }
+    auto host = std::make_unique<FakeHost>(true);
+    EXPECT_TRUE(host->m_connections.Await(1));
+    TagIPCMessageItem request = Item(kEchoModule, kEcho, "body", kAnswer);
+    for (const std::string& rubbish : {Pattern(100), Pattern(100'000), std::string(16, '\0'), oddFrames}) {
+        host->SendOnce(rubbish);
+        TagIPCMessageItemRecv answer;
+        for (int tries = 0; tries < 600 && !client.SendIPCMessage(request, kAnswer, answer, 100); ++tries) {
+            ++request.uniqMsgId;
+        }
+        EXPECT_EQ(answer.data, "bodx") << rubbish.size();
+    }
+    EXPECT_EQ(host->m_connections.Value(), 1) << "the connection stays";
+    host->SendOnce(endless); // makes the client deaf until this host goes
+    TagIPCMessageItemRecv answer;
+    EXPECT_FALSE(client.SendIPCMessage(request, kAnswer, answer, 1));
+    host.reset();
+    const Role better("host");
+    const Role echo("echo", kEchoModule);
+    EXPECT_TRUE(AskUntilAnswered(client, kEchoModule));
+}
+
+// ---- Engines that are stopped --------------------------------------------------------------------------------------
+
+bool SeesNotice(RawPeer& witness, std::uint32_t msgId, std::uint32_t moduleId) {
+    std::optional<std::string> frame;
+    while ((frame = witness.NextFrame())) {
+        const RawPacket packet = ParseRawFrame(*frame);
+        if (packet.msgId == msgId && packet.body == LittleEndian(moduleId)) {
+            break;
+        }
+    }
+    return frame.has_value();
+}
+
+// Role: stops the engine in the middle of traffic. It leaves the bus and nothing is delivered afterwards.
+int StopInTraffic(int variant) {
+    SayReady();
+    auto* const client = new IPCMessageClient(kMe, false, variant % 2 == 0);
+    Tally traffic;
+    std::atomic<bool> marked{false};
+    client->RegisterMessageCallback(kPing, [&](TagIPCMessageItem&) {
+        traffic.Add();
+        client->PostIPCMessage(Item(kMe, kPing, "round and round"));
+    });
+    client->RegisterMessageCallback(kMarker, [&](TagIPCMessageItem&) { marked = true; });
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        client->PostIPCMessage(Item(kMe, kPing, "round and round"));
+        threads.emplace_back([&, t] {
+            while (Ask(*client, kEchoModule, Pattern(50'000), t, t == 0 ? kHold : kEcho)) {
+                traffic.Add();
+            }
+        });
+    }
+    traffic.Await(500);
+    RawPeer witness;
+    witness.Register(0x7F000001, "1 ");
+    const bool isWatching = SeesNotice(witness, 0x10006, 1);
+    std::thread second([] { StopIPCClient(); });
+    StopIPCClient();
+    second.join();
+    for (std::thread& thread : threads) {
+        thread.join(); // their waits have ended
+    }
+    client->PostIPCMessage(Item(kMe, kMarker));
+    const bool answered = Ask(*client, kEchoModule).has_value();
+    IPCMessageClient(kOther, false, false).PostIPCMessage(Item(kMe, kMarker));
+    delete client; // waits for callbacks that run, so there are none any more
+    const bool hasLeft = SeesNotice(witness, kOffline, kMe);
+    return marked || answered || !isWatching || !hasLeft ? 1 : 0;
+}
+
+TEST(FaultsTest, AnEngineStopsInTheMiddleOfTraffic) {
+    const Role host("host");
+    const Role echo("echo", kEchoModule);
+    EXPECT_TRUE(AskUntilAnswered(IPCMessageClient(kMe, false, false), kEchoModule));
+    for (int variant = 0; variant < 6; ++variant) {
+        EXPECT_EQ(Role("stop", variant).AwaitExit(), 0) << variant;
+    }
+}
+
+// ---- Processes that exit -------------------------------------------------------------------------------------------
+
+enum ExitVariant { kReturn, kExitInMain, kExitInThread, kExitInCallback, kStaticObjects, kStoppedServer, kVariants };
+
+// Role: exits by itself with a running server, clients, callbacks and waits. What callbacks and threads use lives on.
+int ExitInTraffic(int variant) {
+    UsePrivateBus();
+    SayReady();
+    static auto* const traffic = new Tally;
+    static auto* const server = new IPCMessageServer;
+    server->Start();
+    static auto* const left = new IPCMessageClient(kMe, false, true);
+    static auto* const right = new IPCMessageClient(kOther, false, true);
+    for (auto [client, to] : {std::pair(left, kOther), std::pair(right, kMe)}) {
+        client->RegisterMessageCallback(kPing, [client = client, to = to, variant](TagIPCMessageItem&) {
+            traffic->Add();
+            client->PostIPCMessage(Item(to, kPing, "to and fro"));
+            static std::atomic<bool> exits{false};
+            if (variant == kExitInCallback && traffic->Value() > 500 && !exits.exchange(true)) {
+                std::exit(0);
+            }
+        });
+        client->RegisterMessageCallback(kBlock, [](TagIPCMessageItem&) { Sleep(INFINITE); });
+        client->SubscribeIPCMessage(kServer, 0);
+        for (int i = 0; i < 4; ++i) {
+            client->PostIPCMessage(Item(to, kPing, "to and fro"));
+            std::thread([client = client, to = to] { Ask(*client, to, "never answered", 0, kBlock); }).detach();
+        }
+    }
+    traffic->Await(500);
+    switch (variant) {
+    case kExitInMain:
+        std::exit(0);
+    case kExitInThread:
+        std::thread([] { std::exit(0); }).join();
+        return 1;
+    case kExitInCallback:
+        Sleep(INFINITE);
+        return 1;
+    case kStaticObjects: {
+        // Destroyed while the process exits; their callbacks use nothing that is destroyed before them.
+        static IPCMessageClient third(kOther + 1, false, true);
+        third.RegisterMessageCallback(kPing, [](TagIPCMessageItem&) { traffic->Add(); });
+        static const std::shared_ptr<IPCMessageServer> stopped(server, [](IPCMessageServer*) { server->Stop(); });
+        left->PostIPCMessage(Item(kOther + 1, kPing));
+        return 0;
+    }
+    case kStoppedServer:
+        server->Stop();
+        return 0;
+    default:
+        return 0;
+    }
+}
+
+TEST(FaultsTest, AProcessExitsWithEverythingUnderWay) {
+    for (int variant = 0; variant < kVariants; ++variant) {
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(Role("exit", variant).AwaitExit(), 0) << variant;
+        }
+    }
+}
+
+} // namespace
+} // namespace Vantor::Sentrix
+
+int main(int argc, char** argv) {
+    using namespace Vantor::Sentrix;
+    return RunBusProgram(argc, argv, {{"stop", &StopInTraffic}, {"exit", &ExitInTraffic}});
+}

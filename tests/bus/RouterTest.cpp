@@ -1,0 +1,446 @@
+// The router, with peers that write the wire by themselves.
+#include "tests/support/BusProgram.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/RawPeer.h"
+#include "veyrasvc/bus/BasePacket.h"
+#include "veyrasvc/bus/ModuleMessageServer.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Vantor::Sentrix {
+namespace {
+
+constexpr std::uint32_t kServer = 0x10000;
+constexpr std::uint32_t kRegistration = 0x10001;
+constexpr std::uint32_t kPublished = 0x10004;
+constexpr std::uint32_t kOffline = 0x10005;
+constexpr std::uint32_t kOnline = 0x10006;
+constexpr std::uint32_t kStatusQuery = 0x10008;
+
+constexpr std::uint32_t kNobody = 0xDEAD;       // never registered
+constexpr std::uint32_t kMark = 0xAAAA;         // the message that Seen() uses
+constexpr std::uint32_t kFirstPid = 0x7F000001; // above all process ids of the system
+
+// A router that tells how many connections it has.
+class WatchedRouter : public ModuleMessageServer {
+public:
+    bool OnNewConnection(IOCPContext* context) override {
+        const bool accepted = ModuleMessageServer::OnNewConnection(context);
+        if (accepted && m_contexts.insert(context).second) {
+            m_accepted.Add();
+            m_live.Add();
+        }
+        return accepted;
+    }
+    void OnConnectionClose(IOCPContext* context, IOCPBuffer* buffer, DWORD error) override {
+        ModuleMessageServer::OnConnectionClose(context, buffer, error);
+        if (m_contexts.erase(context) != 0) {
+            m_live.Add(-1);
+        }
+    }
+    Tally m_accepted;
+    Tally m_live;
+
+private:
+    std::set<IOCPContext*> m_contexts;
+};
+
+struct Peer : RawPeer {
+    std::uint32_t id = 0; // where it can be reached
+    std::uint32_t pid = 0;
+};
+
+using Lines = std::vector<std::string>;
+
+// "+5", "-5": published notices; "on 5", "off 5": the same to this peer alone; else the frame's body.
+std::string Describe(const std::string& frame) {
+    const RawPacket packet = ParseRawFrame(frame);
+    if (packet.from != kServer || (packet.msgId != kOnline && packet.msgId != kOffline)) {
+        return packet.body;
+    }
+    const std::string id = std::to_string(FromBigEndian(std::string(packet.body.rbegin(), packet.body.rend())));
+    const bool online = packet.msgId == kOnline;
+    return packet.msgType == kPublished ? (online ? "+" : "-") + id : (online ? "on " : "off ") + id;
+}
+
+// One router for all tests. An observer is on the bus from the beginning of each, as module 900.
+class RouterTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        s_router = new WatchedRouter;
+        ASSERT_TRUE(s_router->Start());
+        RawPeer first;
+        first.Register(kFirstPid, "");
+        EXPECT_TRUE(s_router->m_live.AwaitExactly(2)); // this one, and the bus's own client
+    }
+    static void TearDownTestSuite() {
+        s_router->Stop();
+        delete s_router;
+    }
+    void SetUp() override {
+        m_observer = &Join(900);
+        Seen(*m_observer); // also what is left of the test before
+    }
+    void TearDown() override {
+        m_peers.clear();
+        AwaitConnections();
+    }
+
+    void AwaitConnections() {
+        const auto isOpen = [](const auto& peer) { return peer->IsOpen(); };
+        const auto open = std::count_if(m_peers.begin(), m_peers.end(), isOpen);
+        EXPECT_TRUE(s_router->m_live.AwaitExactly(static_cast<int>(open) + 1)); // and the bus's own client
+    }
+    Peer& Connect() {
+        m_peers.push_back(std::make_unique<Peer>());
+        AwaitConnections();
+        return *m_peers.back();
+    }
+    // Connects a process that registers these ids; it is reached under the first one.
+    Peer& Join(std::uint32_t id, const std::string& moreIds = "", std::uint32_t pid = 0) {
+        Peer& peer = Connect();
+        peer.id = id;
+        peer.pid = pid != 0 ? pid : kFirstPid + static_cast<std::uint32_t>(m_peers.size());
+        peer.Register(peer.pid, std::to_string(id) + " " + moreIds);
+        return peer;
+    }
+    void Leave(Peer& peer) {
+        peer.Close();
+        AwaitConnections();
+    }
+
+    // The frames that `reader` got until everything that was sent before had been routed. It rests on two orders: of
+    // one connection to another, and of the router's notices among each other.
+    Lines SeenFrames(Peer& reader) {
+        std::size_t marks = 0;
+        for (const auto& peer : m_peers) {
+            if (peer->IsOpen() && peer->Send(RawPacket{.to = reader.id, .msgId = kMark})) {
+                ++marks;
+            }
+        }
+        Lines frames;
+        bool told = false;
+        while (marks > 0 || !told) {
+            const auto frame = reader.NextFrame();
+            if (!frame) {
+                ADD_FAILURE() << "the reader was dropped";
+                break;
+            }
+            if (ParseRawFrame(*frame).msgId == kMark) {
+                if (--marks == 0) {
+                    reader.Send(RawPacket{.to = kNobody, .from = reader.id, .msgId = kMark});
+                }
+            } else if (Describe(*frame) == "off " + std::to_string(kNobody)) {
+                told = true;
+            } else {
+                frames.push_back(*frame);
+            }
+        }
+        return frames;
+    }
+    Lines Seen(Peer& reader) {
+        Lines lines;
+        for (const std::string& frame : SeenFrames(reader)) {
+            lines.push_back(Describe(frame));
+        }
+        return lines;
+    }
+
+    static WatchedRouter* s_router;
+    std::vector<std::unique_ptr<Peer>> m_peers;
+    Peer* m_observer = nullptr;
+};
+WatchedRouter* RouterTest::s_router = nullptr;
+
+RawPacket Registration(const std::string& text, bool encrypted) {
+    RawPacket packet = {.to = kServer, .from = kFirstPid, .msgId = kRegistration, .encrypted = encrypted, .body = text};
+    if (encrypted) {
+        EXPECT_TRUE(BasePacket::EncryptData(text.data(), text.size(), packet.body, packet.iv));
+    }
+    return packet;
+}
+
+// ---- Registration and presence -------------------------------------------------------------------------------------
+
+TEST_F(RouterTest, RegistrationsAreReadAsNumbersEachWithItsSpace) {
+    struct Case {
+        std::string text;
+        Lines online;
+    };
+    const Case cases[] = {
+        {"5 6", {"+5"}},
+        {"6 5 ", {"+5", "+6"}},
+        {"5  6 ", {"+0", "+5", "+6"}},
+        {"5 5 5 ", {"+5"}},
+        {"", {}},
+        {"7", {}},
+        {" ", {"+0"}},
+        {"x -5 12abc 007 ", {"+0", "+7", "+12"}},
+        {"2147483648 4294967295 ", {"+2147483648", "+4294967295"}},
+        {"4294967301 ", {"+5"}},
+        {"99999999999999999999999999 1 ", {"+1", "+3825205247"}},
+        {std::string("\0\xff 8 ", 5), {"+0", "+8"}},
+    };
+    for (const Case& one : cases) {
+        for (const bool encrypted : {false, true}) {
+            if (one.text.empty() && encrypted) {
+                continue;
+            }
+            Peer& subject = Connect();
+            subject.Send(Registration(one.text, encrypted));
+            EXPECT_EQ(Seen(*m_observer), one.online) << one.text;
+            Leave(subject);
+            Lines offline = one.online;
+            for (std::string& line : offline) {
+                line[0] = '-';
+            }
+            EXPECT_EQ(Seen(*m_observer), offline) << one.text;
+        }
+    }
+}
+
+TEST_F(RouterTest, PresenceNoticesTellWhatChanged) {
+    Peer& peer = Join(5, "6 ");
+    EXPECT_EQ(Seen(*m_observer), (Lines{"+5", "+6"}));
+    peer.Register(peer.pid, "5 7 ");
+    EXPECT_EQ(Seen(*m_observer), (Lines{"-6", "+7"}));
+    peer.Register(peer.pid, "7 5 ");
+    peer.Register(peer.pid, "");
+    RawPacket undecipherable = Registration("9 ", true);
+    for (const std::string& iv : {std::string("short"), Pattern(16), std::string()}) {
+        undecipherable.iv = iv;
+        undecipherable.body = Pattern(16);
+        peer.Send(undecipherable);
+    }
+    EXPECT_EQ(Seen(*m_observer), Lines{});
+    EXPECT_EQ(Seen(peer), (Lines{"+5", "+6", "-6", "+7"})) << "modules hear of themselves";
+    Leave(peer);
+    EXPECT_EQ(Seen(*m_observer), (Lines{"-5", "-7"}));
+}
+
+TEST_F(RouterTest, StatusQueriesAreAnsweredToTheAsker) {
+    Join(5);
+    Seen(*m_observer);
+    const auto query = [&](const std::string& body) {
+        m_observer->Send(RawPacket{.to = kServer, .from = m_observer->id, .msgId = kStatusQuery, .body = body});
+    };
+    query("\x05");
+    query(LittleEndian(5) + "x");
+    for (const auto& [id, answer] : {std::pair(5U, "on 5"), {6U, "off 6"}, {kServer, "on 65536"}}) {
+        query(LittleEndian(id));
+        EXPECT_EQ(Describe(m_observer->NextFrame().value_or("")), answer);
+    }
+    EXPECT_EQ(Seen(*m_observer), Lines{});
+}
+
+// ---- Routing -------------------------------------------------------------------------------------------------------
+
+TEST_F(RouterTest, FramesGoWhereTheTableSendsThem) {
+    enum { A, A2, B, C };
+    Peer* const peers[] = {&Join(10, "", 0x7FFFFFF0), &Join(11, "", 0x7FFFFFF0), &Join(20, "30 "), &Join(40, "30 ")};
+    struct Case {
+        int sender;
+        std::uint32_t to;
+        std::uint32_t msgId;
+        std::uint32_t msgType;
+        Lines receivers; // what A, A2, B and C get
+    };
+    const Case cases[] = {
+        {A, 20, 1, 0, {"", "", "x", ""}},
+        {A, 30, 1, 0xFFFFFFFF, {"", "", "x", "x"}},
+        {A, 10, 1, 0, {"x", "", "", ""}},
+        {A, 11, 1, 0, {"", "x", "", ""}},
+        {B, 30, 0, 0, {"", "", "x", "x"}},
+        {A, 77, 1, 0, {"off 77", "", "", ""}},
+        {A, 0, 1, 0, {"", "", "x", "x"}},
+        {C, 0, 1, 0, {"x", "x", "x", ""}},
+        {A, 30, 1, kPublished, {"", "", "x", "x"}},
+        {B, 77, 1, kPublished, {"x", "x", "", "x"}},
+        {C, kServer, kRegistration, kPublished, {"x", "x", "x", ""}},
+    };
+    for (const Case& one : cases) {
+        for (Peer* peer : peers) {
+            Seen(*peer);
+        }
+        const RawPacket packet = {.to = one.to,
+                                  .from = peers[one.sender]->id,
+                                  .msgId = one.msgId,
+                                  .msgType = one.msgType,
+                                  .uniqMsgId = 3,
+                                  .iv = "odd",
+                                  .body = "x"};
+        const std::string frame = RawFrame(packet.Payload() + "more", 0x12345678);
+        peers[one.sender]->Send(frame);
+        for (const int i : {A, A2, B, C}) {
+            const Lines frames = SeenFrames(*peers[i]);
+            const std::string expected = one.receivers[static_cast<std::size_t>(i)];
+            ASSERT_EQ(frames.size(), expected.empty() ? 0U : 1U) << one.to << " " << one.msgType << " " << i;
+            if (expected == "x") {
+                EXPECT_EQ(frames[0], frame) << "byte for byte";
+            } else if (!expected.empty()) {
+                EXPECT_EQ(Describe(frames[0]), expected);
+                EXPECT_EQ(ParseRawFrame(frames[0]), (RawPacket{peers[i]->id, kServer, kOffline, 0xFFFFFFFF, 0xFFFFFFFF,
+                                                               0, 0, "", LittleEndian(77)}));
+            }
+        }
+    }
+}
+
+TEST_F(RouterTest, EveryStepIsLogged) {
+    LogCapture log;
+    Peer& peer = Join(0x20000, "", 4242);
+    std::string frames = RawPacket{.to = kServer, .from = 4242, .msgId = kRegistration, .body = "131072 "}.Frame();
+    frames += RawPacket{.to = 900, .from = 0x20000, .msgId = 0x20003}.Frame();
+    frames += RawPacket{.to = 0, .from = 0x20000, .msgId = 3}.Frame();
+    frames += RawPacket{.to = 77, .from = 0x20000, .msgId = 3, .msgType = kPublished}.Frame();
+    frames += RawPacket{.to = 77, .from = 0x20000, .msgId = 3}.Frame();
+    Seen(peer);
+    log.Take();
+    peer.Send(frames); // one write, so that no other frame comes between
+    Seen(peer);
+
+    unsigned long first = 0;
+    Lines lines;
+    for (const auto& [level, text] : log.Take()) {
+        std::smatch found;
+        static const std::regex own("(title=.*PacketIndex=)([0-9]+)(, From=.(UnKnow:4242|MAINFRAME).*[+][13][)])");
+        if (std::regex_match(text, found, own)) {
+            EXPECT_EQ(level, log4cplus::DEBUG_LOG_LEVEL);
+            first = lines.empty() ? std::stoul(found[2]) : first;
+            lines.push_back(found[1].str() + std::to_string(std::stoul(found[2]) - first) + found[3].str());
+        }
+    }
+    const std::string observer = "UnKnow:" + std::to_string(m_observer->pid);
+    const std::string busClient = "UnKnow:" + std::to_string(GetCurrentProcessId());
+    const auto line = [](const std::string& title, int index, const std::string& to) {
+        return "title=" + title + ", PacketIndex=" + std::to_string(index) + ", From=[MAINFRAME:131072], To=[" + to +
+               (index == 2 ? "], Msg=131075(+3)" : "], Msg=3(+3)");
+    };
+    Lines expected = {"title=Recv Packet, PacketIndex=0, From=[UnKnow:4242], To=[MSGSERVER:65536], Msg=65537(+1)",
+                      line("Recv Packet", 2, "UnKnow:900"),
+                      line("Send Packet To Module.Id. ", 2, "UnKnow:900"),
+                      line("Recv Packet", 4, "BROADCAST:0"),
+                      line("Send broad Packet to Pid. ", 4, observer),
+                      line("Send broad Packet to Pid. ", 4, busClient),
+                      line("Recv Packet", 6, "UnKnow:77"),
+                      line("Send publish Packet .Pid. ", 6, observer),
+                      line("Send publish Packet .Pid. ", 6, busClient),
+                      line("Recv Packet", 8, "UnKnow:77"),
+                      line("Miss Module:", 8, "UnKnow:77")};
+    std::sort(lines.begin(), lines.end()); // receivers come in any order
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(lines, expected);
+}
+
+// ---- Damage and distress -------------------------------------------------------------------------------------------
+
+TEST_F(RouterTest, DamageHurtsTheOneWhoSendsIt) {
+    const std::string good = RawPacket{.to = 900, .body = "good"}.Frame();
+    std::string badHeader = good;
+    badHeader[13] ^= 1;
+    std::string badPayload = good;
+    badPayload.back() ^= 1;
+    const std::string words = BigEndian(0xFFFFFFFF) + BigEndian(0) + BigEndian(0);
+    const std::string fourGigabytes = words + BigEndian(RawCrc(words));
+    struct Case {
+        std::string bytes;
+        bool dropped;
+        Lines seen; // by the observer
+    };
+    const Case cases[] = {
+        {badHeader, true, {}},
+        {good + badHeader + good, true, {"good"}},
+        {Pattern(5000), true, {}},
+        {std::string(16, '\0'), true, {}},
+        {badPayload + good, false, {"good"}},
+        {good + good, false, {"good", "good"}},
+        {RawFrame("") + RawFrame(std::string("\0\0\3", 3)) + good, false, {"", "good", "off 768"}}, // to 0 and to 0x300
+        {fourGigabytes + good, false, {}},
+        {good.substr(0, good.size() - 1), false, {}},
+        {std::string(15, 'x'), false, {}},
+    };
+    Peer& bystander = Join(50);
+    for (const Case& one : cases) {
+        Seen(*m_observer);
+        Peer& subject = Connect();
+        subject.Register(kFirstPid, "");
+        subject.Send(one.bytes);
+        if (one.dropped) {
+            subject.AwaitDrop();
+        }
+        Leave(subject);
+        EXPECT_EQ(Seen(*m_observer), one.seen) << &one - cases;
+        bystander.Send(RawPacket{.to = 50, .body = "fine"});
+        EXPECT_EQ(Seen(bystander).back(), "fine");
+    }
+}
+
+TEST_F(RouterTest, AFrameMayComeInPieces) {
+    Peer& peer = Join(50);
+    const std::string frame = RawPacket{.to = 900, .body = Pattern(50)}.Frame();
+    for (const char byte : frame + frame) {
+        peer.Send(std::string(1, byte));
+    }
+    const Lines seen = SeenFrames(*m_observer);
+    EXPECT_EQ(seen, (Lines{seen.empty() ? "" : seen[0], frame, frame})); // the first is the notice
+}
+
+TEST_F(RouterTest, AReaderThatStandsStillHoldsUpNobodyAndLosesNothing) {
+    Peer& still = Join(50);
+    Peer& sender = Join(60);
+    for (Peer* peer : {&still, &sender, m_observer}) {
+        Seen(*peer);
+    }
+    Lines sent;
+    for (std::uint32_t i = 0; i < 100; ++i) {
+        sent.push_back(RawPacket{.to = 50, .uniqMsgId = i, .body = Pattern(100'000, i)}.Frame());
+        sender.Send(sent.back());
+        sender.Send(RawPacket{.to = 900, .from = 60, .body = "to another"});
+        m_observer->Send(RawPacket{.to = 60, .body = "and back"});
+    }
+    EXPECT_EQ(Seen(sender), Lines(100, "and back"));
+    EXPECT_EQ(Seen(*m_observer), Lines(100, "to another"));
+    EXPECT_TRUE(SeenFrames(still) == sent);
+}
+
+TEST_F(RouterTest, ClientsThatConnectAndVanishLeaveNothing) {
+    const std::string frame = RawPacket{.to = 900, .body = Pattern(5000)}.Frame();
+    const int before = s_router->m_accepted.Value();
+    for (std::uint32_t i = 0; i < 200; ++i) {
+        RawPeer visitor;
+        if (i % 4 != 0) {
+            visitor.Register(kFirstPid + 1000 + i, "1 ");
+            visitor.Send(frame.substr(0, i * 20));
+        }
+    }
+    EXPECT_TRUE(s_router->m_accepted.Await(before + 200));
+    AwaitConnections();
+    Peer& late = Join(70);
+    late.Send(RawPacket{.to = 1, .from = 70});
+    EXPECT_EQ(Seen(late).back(), "off 1");
+}
+
+TEST_F(RouterTest, AStoppedRouterStartsAgain) {
+    s_router->Stop();
+    m_observer->AwaitDrop();
+    ASSERT_TRUE(s_router->Start());
+    m_peers.clear();
+    Peer& back = Join(900);
+    Seen(back);
+    Join(5);
+    EXPECT_EQ(Seen(back), Lines{"+5"});
+}
+
+} // namespace
+} // namespace Vantor::Sentrix
+
+int main(int argc, char** argv) {
+    return Vantor::Sentrix::RunBusProgram(argc, argv);
+}

@@ -1,0 +1,71 @@
+// One message of the bus.
+#pragma once
+
+#include "veyrasvc/stream/SimpleStream.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace Vantor::Sentrix {
+
+// A plain value: copying it copies every field. Integers travel unsigned; callers commonly store -1 as 0xFFFFFFFF.
+// Payload, every integer 4 bytes big-endian, every string a 4-byte length and its bytes:
+//     to, from, message id, type, reply id, correlation id, encrypted (0 or 1), IV, body
+// Threads: none of its own; once a packet crosses threads it is held by std::shared_ptr and no longer changed.
+class BasePacket {
+public:
+    const std::string& GetBody() const { return m_body; }
+    void SetBody(std::string body) { m_body = std::move(body); }
+    const std::string& GetIv() const { return m_iv; }
+    void SetIv(std::string iv) { m_iv = std::move(iv); }
+    bool GetEncrypted() const { return m_encrypted; }
+    void SetEncrypted(bool encrypted) { m_encrypted = encrypted; }
+    std::uint32_t GetReplyMsgId() const { return m_replyMsgId; }
+    void SetReplyMsgId(std::uint32_t id) { m_replyMsgId = id; }
+    std::uint32_t GetUniqMsgId() const { return m_uniqMsgId; }
+    void SetUniqMsgId(std::uint32_t id) { m_uniqMsgId = id; }
+    std::uint32_t GetTo() const { return m_to; }
+    void SetTo(std::uint32_t moduleId) { m_to = moduleId; }
+    std::uint32_t GetFrom() const { return m_from; }
+    void SetFrom(std::uint32_t moduleId) { m_from = moduleId; }
+    std::uint32_t GetMsgId() const { return m_msgId; }
+    void SetMsgId(std::uint32_t id) { m_msgId = id; }
+    std::uint32_t GetMsgType() const { return m_msgType; }
+    void SetMsgType(std::uint32_t type) { m_msgType = type; }
+
+    void Serialize(StreamWriter& writer) const;
+    // Reads the payload. Fields that a short payload lacks read as zero or empty; there is no error.
+    void Deserialize(StreamReader& reader);
+    // The same from bytes in memory, which are only read and need to live no longer than the call.
+    void DeserializeFrom(const char* payload, std::size_t length);
+
+    // Appends the packet as one frame (see Frame.h) to `output`. Always true.
+    bool BuildFrame(std::string& output) const;
+
+    // Enciphers `length` bytes. False leaves both outputs alone: the arguments are unusable, or the cipher or the
+    // random source failed.
+    static bool EncryptData(const char* data, std::size_t length, std::string& ciphertext, std::string& iv);
+
+    // Deciphers the body into a new buffer, which the caller owns and gives back with operator delete.
+    // False, and nothing allocated: the IV is not 16 bytes, the body is no ciphertext, or its text is empty.
+    bool DecryptBody(char*& output, std::size_t& outputLength) const;
+
+private:
+    std::string m_body; // the ciphertext when m_encrypted is set
+    std::string m_iv;   // 16 bytes for an encrypted body
+    bool m_encrypted = false;
+    std::uint32_t m_replyMsgId = 0;
+    std::uint32_t m_uniqMsgId = 0;
+    std::uint32_t m_to = 0;
+    std::uint32_t m_from = 0;
+    std::uint32_t m_msgId = 0;
+    std::uint32_t m_msgType = 0;
+};
+
+// A module id as the 4 bytes of a status notice or query, little-endian unlike every integer of the payload.
+std::string ModuleIdBody(std::uint32_t moduleId);
+// The id in such a body; false when it is shorter than 4 bytes.
+bool ReadModuleIdBody(const std::string& body, std::uint32_t& moduleId);
+
+} // namespace Vantor::Sentrix

@@ -1,0 +1,485 @@
+#include "veyrasvc/bus/IPCMessageExport.h"
+
+#include "veyrasvc/bus/BasePacket.h"
+#include "veyrasvc/bus/ModuleId.h"
+#include "veyrasvc/bus/ModuleMessageClient.h"
+#include "veyrasvc/bus/ModuleMessageServer.h"
+#include "veyrasvc/util/LogStatement.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstring>
+#include <exception>
+#include <limits>
+#include <new>
+
+namespace Vantor::Sentrix {
+
+namespace {
+
+std::uint32_t Unsigned(std::int32_t value) {
+    return static_cast<std::uint32_t>(value);
+}
+
+std::int32_t Signed(std::uint32_t value) {
+    return static_cast<std::int32_t>(value);
+}
+
+// The plaintext buffer of an encrypted packet, given back when its user is done.
+class PlaintextOwner {
+public:
+    PlaintextOwner(const BasePacket& packet, TagIPCMessageItem& item) : m_owns(packet.GetEncrypted()), m_item(item) {}
+    ~PlaintextOwner() {
+        if (m_owns) {
+            ::operator delete(m_buffer);
+            m_item.data = nullptr;
+        }
+    }
+    PlaintextOwner(const PlaintextOwner&) = delete;
+    PlaintextOwner& operator=(const PlaintextOwner&) = delete;
+
+    void Take() { m_buffer = m_item.data; }
+
+private:
+    const bool m_owns;
+    TagIPCMessageItem& m_item;
+    char* m_buffer = nullptr;
+};
+
+template <class Answer> void CopyIds(Answer& answer, const TagIPCMessageItem& item) {
+    answer.toModuleId = item.toModuleId;
+    answer.fromModuleId = item.fromModuleId;
+    answer.msgId = item.msgId;
+    answer.replyMsgId = item.replyMsgId;
+    answer.msgType = item.msgType;
+    answer.uniqMsgId = item.uniqMsgId;
+}
+
+} // namespace
+
+// ---- Jobs and the life of their client -----------------------------------------------------------------------------
+
+// Outlives the client for as long as a job holds it, and knows whether the client is still there.
+class IPCMessageClient::Lifetime {
+public:
+    // One job's stay with the client. Entered() is false when the client is gone.
+    class Visit {
+    public:
+        explicit Visit(Lifetime& lifetime) : m_lifetime(lifetime), m_outer(s_innermost) {
+            const std::lock_guard guard(lifetime.m_mutex);
+            m_entered = !lifetime.m_closed;
+            lifetime.m_visits += m_entered ? 1 : 0;
+            s_innermost = this;
+        }
+        ~Visit() {
+            s_innermost = m_outer;
+            const std::lock_guard guard(m_lifetime.m_mutex);
+            m_lifetime.m_visits -= m_entered ? 1 : 0;
+            if (m_lifetime.m_closed) {
+                m_lifetime.m_left.notify_all();
+            }
+        }
+        Visit(const Visit&) = delete;
+        Visit& operator=(const Visit&) = delete;
+
+        bool Entered() const { return m_entered; }
+
+    private:
+        friend class Lifetime;
+        Lifetime& m_lifetime;
+        Visit* const m_outer; // of the same thread
+        bool m_entered;
+    };
+
+    // From now on nobody enters; returns when nobody else is inside. The visits of the calling thread do not count:
+    // the client is being destroyed from within them.
+    void Close() {
+        int own = 0;
+        for (const Visit* visit = s_innermost; visit != nullptr; visit = visit->m_outer) {
+            own += &visit->m_lifetime == this && visit->m_entered ? 1 : 0;
+        }
+        std::unique_lock guard(m_mutex);
+        m_closed = true;
+        m_left.wait(guard, [&] { return m_visits <= own; });
+    }
+
+private:
+    static thread_local Visit* s_innermost;
+
+    std::mutex m_mutex;
+    std::condition_variable m_left;
+    // Guarded by m_mutex.
+    bool m_closed = false;
+    int m_visits = 0;
+};
+
+thread_local IPCMessageClient::Lifetime::Visit* IPCMessageClient::Lifetime::s_innermost = nullptr;
+
+struct IPCMessageClient::Job {
+    std::shared_ptr<Lifetime> lifetime;
+    IPCMessageClient* client; // valid inside a visit
+    JobKind kind;
+    std::shared_ptr<BasePacket> packet;
+};
+
+void IPCMessageClient::QueueJob(JobKind kind, std::shared_ptr<BasePacket> packet) {
+    std::unique_ptr<Job> job(new (std::nothrow) Job{m_lifetime, this, kind, std::move(packet)});
+    if (!job) {
+        return; // the message is lost, as when there is no thread for it
+    }
+    const auto run = [](void* context) -> DWORD {
+        const std::unique_ptr<Job> owned(static_cast<Job*>(context));
+        RunJob(*owned);
+        return 0;
+    };
+    if (QueueUserWorkItem(run, job.get(), WT_EXECUTELONGFUNCTION) != FALSE) {
+        static_cast<void>(job.release());
+    }
+}
+
+void IPCMessageClient::RunJob(const Job& job) noexcept {
+    const Lifetime::Visit visit(*job.lifetime);
+    if (!visit.Entered() || BaseMessageClient::Instance().IsStopped()) {
+        return;
+    }
+    try {
+        if (job.kind == JobKind::Message) {
+            job.client->OnRecvIPCMessage(job.packet);
+        } else {
+            job.client->OnRecvPublishIPCMessage(job.packet);
+        }
+    } catch (const std::exception& exception) {
+        LOG_ERROR("ipc message callback threw. messageid=" << job.packet->GetMsgId() << ", what=" << exception.what());
+    } catch (...) {
+        LOG_ERROR("ipc message callback threw. messageid=" << job.packet->GetMsgId());
+    }
+}
+
+bool IPCMessageClient::WantsMessages() {
+    const std::lock_guard guard(m_callbackMutex);
+    return !m_callbacks.empty();
+}
+
+bool IPCMessageClient::WantsPublications() {
+    const std::lock_guard guard(m_callbackMutex);
+    return static_cast<bool>(m_publishCallback);
+}
+
+IPCMessageClient::IPCMessageClient(int moduleId, bool /*unused*/, bool forwardPosts)
+    : m_moduleId(moduleId), m_lifetime(std::make_shared<Lifetime>()) {
+    BaseMessageClient& engine = BaseMessageClient::Instance();
+    engine.RegisterClient(this, Unsigned(moduleId), forwardPosts, [this](std::shared_ptr<BasePacket> packet) {
+        if (packet && WantsMessages()) {
+            QueueJob(JobKind::Message, std::move(packet));
+        }
+    });
+    engine.RegisterPublishHandler(this, Unsigned(moduleId), [this](const std::shared_ptr<BasePacket>& packet) {
+        if (packet && WantsPublications()) {
+            QueueJob(JobKind::Publication, std::make_shared<BasePacket>(*packet)); // Bregister may rewrite its own
+        }
+    });
+}
+
+IPCMessageClient::~IPCMessageClient() {
+    LOG_DEBUG("unInit module:" << m_moduleId);
+    BaseMessageClient& engine = BaseMessageClient::Instance();
+    engine.UnregisterClient(this);
+    engine.UnregisterPublishHandler(this);
+    UnRegisterMessageCallbackAll();
+    m_lifetime->Close();
+}
+
+// ---- Items and packets ---------------------------------------------------------------------------------------------
+
+bool IPCMessageClient::ConvertMessageToPacket(std::shared_ptr<BasePacket>& packet,
+                                              const TagIPCMessageItem& item) const {
+    packet->SetTo(Unsigned(item.toModuleId));
+    packet->SetFrom(Unsigned(m_moduleId));
+    packet->SetMsgId(Unsigned(item.msgId));
+    packet->SetReplyMsgId(Unsigned(item.replyMsgId));
+    packet->SetMsgType(Unsigned(item.msgType));
+    packet->SetUniqMsgId(Unsigned(item.uniqMsgId));
+    packet->SetEncrypted(item.encrypt);
+    if (item.dataLen < 1 || item.data == nullptr) {
+        return true;
+    }
+    const auto length = static_cast<std::size_t>(item.dataLen);
+    if (!item.encrypt) {
+        packet->SetBody(std::string(item.data, length));
+        return true;
+    }
+    std::string ciphertext;
+    std::string iv;
+    if (!BasePacket::EncryptData(item.data, length, ciphertext, iv)) {
+        return false;
+    }
+    packet->SetBody(std::move(ciphertext));
+    packet->SetIv(std::move(iv));
+    return true;
+}
+
+bool IPCMessageClient::ConvertPacketToMessage(TagIPCMessageItem& item,
+                                              const std::shared_ptr<BasePacket>& packet) const {
+    item.toModuleId = Signed(packet->GetTo());
+    item.fromModuleId = Signed(packet->GetFrom());
+    item.msgId = Signed(packet->GetMsgId());
+    item.replyMsgId = Signed(packet->GetReplyMsgId());
+    item.msgType = Signed(packet->GetMsgType());
+    item.uniqMsgId = Signed(packet->GetUniqMsgId());
+    const std::string& body = packet->GetBody();
+    if (body.empty()) {
+        return true;
+    }
+    if (body.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max())) {
+        return false;
+    }
+    if (!packet->GetEncrypted()) {
+        item.data = const_cast<char*>(body.data()); // the record has no const; see its ownership rule
+        item.dataLen = static_cast<std::int32_t>(body.size());
+        return true;
+    }
+    std::size_t length = 0;
+    if (!packet->DecryptBody(item.data, length)) {
+        return false;
+    }
+    item.dataLen = static_cast<std::int32_t>(length);
+    return true;
+}
+
+// ---- Sending -------------------------------------------------------------------------------------------------------
+
+bool IPCMessageClient::PostIPCMessage(const TagIPCMessageItem& item) const {
+    auto packet = std::make_shared<BasePacket>();
+    return ConvertMessageToPacket(packet, item) && BaseMessageClient::Instance().PostPacket(packet);
+}
+
+bool IPCMessageClient::PublishIPCMessage(TagIPCMessageItem& item) const {
+    item.msgType = Signed(MessageType::kPublished);
+    return PostIPCMessage(item);
+}
+
+bool IPCMessageClient::QueryModuleStatus(int moduleId) const {
+    std::string body = ModuleIdBody(Unsigned(moduleId));
+    TagIPCMessageItem item;
+    item.toModuleId = Signed(ModuleId::kMsgServer);
+    item.msgId = Signed(ControlMessage::kStatusQuery);
+    item.dataLen = static_cast<std::int32_t>(body.size());
+    item.data = body.data();
+    return PostIPCMessage(item);
+}
+
+bool IPCMessageClient::SendIPCMessage(TagIPCMessageItem& request, int replyMsgId, unsigned int timeoutMs,
+                                      IPCMessageCallback onReply) const {
+    auto packet = std::make_shared<BasePacket>();
+    if (!ConvertMessageToPacket(packet, request)) {
+        return false;
+    }
+    TagIPCMessageItem answer;
+    const auto reply = BaseMessageClient::Instance().WaitForMessage(Unsigned(replyMsgId), timeoutMs, packet);
+    if (!reply) {
+        LOG_WARN("sync. fail to recv reply message. sendMessageId=" << request.msgId
+                                                                    << ", wakeupMessageId=" << replyMsgId);
+        return false;
+    }
+    if (reply->GetMsgId() == ControlMessage::kModuleOffline) {
+        return false;
+    }
+    PlaintextOwner owner(*reply, answer);
+    if (!ConvertPacketToMessage(answer, reply)) {
+        LOG_WARN("sync. error to recv reply message. recvMessageId=" << reply->GetMsgId());
+        return false;
+    }
+    owner.Take();
+    onReply(answer);
+    return true;
+}
+
+bool IPCMessageClient::SendIPCMessage(TagIPCMessageItem& request, TagIPCMessageItem& answer,
+                                      unsigned int timeoutMs) const {
+    return SendIPCMessage(request, request.msgId, timeoutMs, [&answer](TagIPCMessageItem& item) {
+        CopyIds(answer, item);
+        if (item.data == nullptr || item.dataLen < 1) {
+            return;
+        }
+        const auto length = static_cast<std::size_t>(item.dataLen);
+        answer.data = static_cast<char*>(::operator new(length, std::nothrow));
+        answer.dataLen = answer.data == nullptr ? 0 : item.dataLen;
+        if (answer.data != nullptr) {
+            std::memcpy(answer.data, item.data, length);
+        }
+    });
+}
+
+bool IPCMessageClient::SendIPCMessage(TagIPCMessageItem& request, int replyMsgId, TagIPCMessageItemRecv& answer,
+                                      unsigned int timeoutMs) const {
+    return SendIPCMessage(request, replyMsgId, timeoutMs, [&answer](TagIPCMessageItem& item) {
+        CopyIds(answer, item);
+        if (item.data != nullptr && item.dataLen > 0) {
+            answer.data.assign(item.data, static_cast<std::size_t>(item.dataLen));
+        }
+    });
+}
+
+// ---- Receiving -----------------------------------------------------------------------------------------------------
+
+// A callback may destroy this client: nothing of it is touched afterwards.
+void IPCMessageClient::OnRecvIPCMessage(std::shared_ptr<BasePacket> packet) {
+    constexpr std::uint32_t kNone = 0xFFFFFFFF;
+    const std::uint32_t msgId = packet->GetMsgId();
+    if (msgId == 0 || msgId == kNone) {
+        return;
+    }
+    IPCMessageCallback callback;
+    {
+        const std::lock_guard guard(m_callbackMutex);
+        const auto found = m_callbacks.find(Signed(msgId));
+        if (found == m_callbacks.end()) {
+            LOG_WARN("fail to find async ipc message callback. messageid=" << msgId << ", m_moduleId=" << m_moduleId);
+            return;
+        }
+        callback = found->second;
+    }
+    TagIPCMessageItem item;
+    PlaintextOwner owner(*packet, item);
+    if (!ConvertPacketToMessage(item, packet)) {
+        LOG_WARN("fail to convert async ipc obj to struct. messageid=" << msgId);
+        return;
+    }
+    owner.Take();
+    if (callback) {
+        callback(item);
+    }
+}
+
+void IPCMessageClient::OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> packet) {
+    if (packet->GetMsgType() != MessageType::kPublished || !Bregister(*packet)) {
+        return;
+    }
+    TagIPCMessageItem item;
+    PlaintextOwner owner(*packet, item);
+    if (!ConvertPacketToMessage(item, packet)) {
+        LOG_WARN("fail to convert publish ipc obj to struct. messageid=" << packet->GetMsgId());
+        return;
+    }
+    owner.Take();
+    IPCMessageCallback callback;
+    {
+        const std::lock_guard guard(m_callbackMutex);
+        callback = m_publishCallback;
+    }
+    if (callback) {
+        callback(item);
+    }
+}
+
+bool IPCMessageClient::Bregister(BasePacket& packet) {
+    const bool isNotice =
+        packet.GetFrom() == ModuleId::kMsgServer &&
+        (packet.GetMsgId() == ControlMessage::kModuleOffline || packet.GetMsgId() == ControlMessage::kModuleOnline);
+    std::uint32_t about = 0;
+    const bool namesModule = isNotice && ReadModuleIdBody(packet.GetBody(), about);
+    const std::lock_guard guard(m_subscribeMutex);
+    for (const auto& [moduleId, msgId] : m_subscriptions) {
+        if (moduleId != packet.GetFrom()) {
+            if (!namesModule || about != moduleId) {
+                continue;
+            }
+            packet.SetFrom(moduleId);
+        }
+        if (msgId == 0 || msgId == packet.GetMsgId()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// ---- Callbacks and subscriptions -----------------------------------------------------------------------------------
+
+void IPCMessageClient::RegisterMessageCallback(int msgId, IPCMessageCallback callback) {
+    const std::lock_guard guard(m_callbackMutex);
+    m_callbacks[msgId].swap(callback); // the old one is destroyed when the mutex is free
+}
+
+void IPCMessageClient::RegisterPublishMessageCallback(IPCMessageCallback callback) {
+    const std::lock_guard guard(m_callbackMutex);
+    m_publishCallback.swap(callback);
+}
+
+bool IPCMessageClient::UnRegisterMessageCallback(int msgId) {
+    std::map<int, IPCMessageCallback>::node_type removed; // destroyed when the mutex is free
+    const std::lock_guard guard(m_callbackMutex);
+    removed = m_callbacks.extract(msgId);
+    return true;
+}
+
+bool IPCMessageClient::UnRegisterMessageCallbackAll() {
+    std::map<int, IPCMessageCallback> callbacks;
+    IPCMessageCallback publishCallback;
+    {
+        const std::lock_guard guard(m_callbackMutex);
+        callbacks.swap(m_callbacks);
+        publishCallback.swap(m_publishCallback);
+    }
+    const std::lock_guard guard(m_subscribeMutex);
+    m_subscriptions.clear();
+    return true;
+}
+
+bool IPCMessageClient::SubscribeIPCMessage(unsigned int moduleId, unsigned int msgId) {
+    if (!UnSubscribeIPCMessage(moduleId, msgId)) {
+        LOG_WARN("UnSubscribeIPCMessage error. moduleId=" << moduleId << ", messageId=" << msgId);
+    }
+    const std::lock_guard guard(m_subscribeMutex);
+    m_subscriptions.emplace_back(moduleId, msgId);
+    return true;
+}
+
+bool IPCMessageClient::UnSubscribeIPCMessage(unsigned int moduleId, unsigned int msgId) {
+    const std::lock_guard guard(m_subscribeMutex);
+    const auto isIt = [&](const auto& one) { return one.first == moduleId && (msgId == 0 || one.second == msgId); };
+    m_subscriptions.erase(std::remove_if(m_subscriptions.begin(), m_subscriptions.end(), isIt), m_subscriptions.end());
+    return true;
+}
+
+// ---- Engine and server ---------------------------------------------------------------------------------------------
+
+void StopIPCClient() {
+    BaseMessageClient::Instance().Stop();
+}
+
+bool IsIPCServerPresent(unsigned int timeoutMs) {
+    return WaitNamedPipeW(kBusPipeName, std::max(timeoutMs, 1u)) != FALSE || GetLastError() == ERROR_SEM_TIMEOUT;
+}
+
+IPCMessageServer::IPCMessageServer() : m_server(nullptr) {
+    Init();
+}
+
+void IPCMessageServer::Init() {
+    m_server = new (std::nothrow) ModuleMessageServer;
+    if (m_server == nullptr) {
+        LOG_ERROR("create messageServer fail");
+    }
+}
+
+IPCMessageServer::~IPCMessageServer() {
+    delete m_server;
+    m_server = nullptr;
+}
+
+bool IPCMessageServer::Start() {
+    LOG_INFO("IPC-Server: init logger success.");
+    if (m_server != nullptr) {
+        return m_server->Start();
+    }
+    LOG_INFO("IPC-Server: message server is nullptr.");
+    return false;
+}
+
+void IPCMessageServer::Stop() {
+    if (m_server != nullptr) {
+        m_server->Stop();
+    }
+}
+
+} // namespace Vantor::Sentrix

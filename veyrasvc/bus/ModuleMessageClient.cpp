@@ -1,0 +1,315 @@
+// The engine's life, its registries, routing within the process, and the waits. The connection itself is in
+// ModuleMessageClientIo.cpp.
+#include "veyrasvc/bus/ModuleMessageClient.h"
+
+#include "veyrasvc/bus/ModuleId.h"
+#include "veyrasvc/util/LogStatement.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <new>
+
+namespace Vantor::Sentrix {
+
+// ---- Life ----------------------------------------------------------------------------------------------------------
+
+BaseMessageClient& BaseMessageClient::Instance() {
+    // Never destroyed, because threads and static objects may use it while the process exits; but it stops then.
+    static BaseMessageClient* const engine = [] {
+        auto* made = new BaseMessageClient;
+        std::atexit([] { Instance().Stop(); });
+        return made;
+    }();
+    return *engine;
+}
+
+BaseMessageClient::BaseMessageClient() {
+    Start();
+}
+
+bool BaseMessageClient::CreateEvents() {
+    m_readEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    m_writeEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    m_exitEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    m_sendEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    m_recvEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    return m_readEvent != nullptr && m_writeEvent != nullptr && m_exitEvent != nullptr && m_sendEvent != nullptr &&
+           m_recvEvent != nullptr;
+}
+
+void BaseMessageClient::CloseEvents() {
+    for (HANDLE* event : {&m_readEvent, &m_writeEvent, &m_exitEvent, &m_sendEvent, &m_recvEvent}) {
+        if (*event != nullptr) {
+            CloseHandle(*event);
+            *event = nullptr;
+        }
+    }
+}
+
+bool BaseMessageClient::Start() {
+    const AutoLock lock(&m_lifecycleLock);
+    if (m_workerThread != nullptr) {
+        return true;
+    }
+    m_stop = 0;
+    if (CreateEvents()) {
+        m_workerThread = CreateThread(nullptr, 0, &BaseMessageClient::WorkerProc, this, 0, nullptr);
+        m_notifyThread = m_workerThread == nullptr
+                             ? nullptr
+                             : CreateThread(nullptr, 0, &BaseMessageClient::NotifyProc, this, 0, nullptr);
+        if (m_notifyThread != nullptr) {
+            return true;
+        }
+    }
+    m_stop = 1;
+    if (m_workerThread != nullptr) {
+        SetEvent(m_exitEvent);
+        EndThread(m_workerThread);
+    }
+    CloseEvents();
+    return false;
+}
+
+void BaseMessageClient::Stop() {
+    const AutoLock lock(&m_lifecycleLock);
+    m_stop = 1;
+    DiscardQueues();
+    if (m_workerThread != nullptr) {
+        // Not the read and write events: those say that an operation has completed, and the I/O thread would wait for it.
+        // The events stay open: a sender may be about to signal one. The process takes them with it.
+        for (const HANDLE event : {m_exitEvent, m_sendEvent, m_recvEvent}) {
+            SetEvent(event);
+        }
+        EndThread(m_workerThread);
+        EndThread(m_notifyThread);
+    }
+    ReleaseWaits();
+}
+
+// The thread looks at m_stop after every step and waits nowhere without the exit event, so this is short.
+void BaseMessageClient::EndThread(HANDLE& thread) {
+    constexpr DWORD kPatienceMs = 1000;
+    WaitForSingleObject(thread, kPatienceMs);
+    CloseHandle(thread);
+    thread = nullptr;
+}
+
+void BaseMessageClient::DiscardQueues() {
+    for (LockQueue<std::string>* queue : {&m_recvQueue, &m_sendQueue}) {
+        const AutoLock lock(queue);
+        std::queue<std::string>().swap(queue->m_items);
+    }
+}
+
+// ---- Registries ----------------------------------------------------------------------------------------------------
+
+namespace {
+
+template <class Entries> void RemoveFirstOf(Entries& entries, const IPCMessageClient* owner) {
+    const auto isIts = [owner](const auto& entry) { return entry->owner == owner; };
+    const auto found = std::find_if(entries.begin(), entries.end(), isIts);
+    if (found != entries.end()) {
+        entries.erase(found);
+    }
+}
+
+} // namespace
+
+bool BaseMessageClient::RegisterClient(const IPCMessageClient* owner, std::uint32_t moduleId, bool forwardPosts,
+                                       PacketFunction onPacket) {
+    std::unique_ptr<ClientEntry> entry(new (std::nothrow)
+                                           ClientEntry{moduleId, owner, forwardPosts, std::move(onPacket)});
+    if (!entry) {
+        return false;
+    }
+    {
+        const ExclusiveGuard guard(m_clientsLock);
+        m_clients.push_back(std::move(entry));
+    }
+    UpdatePidMid();
+    return true;
+}
+
+bool BaseMessageClient::UnregisterClient(const IPCMessageClient* owner) {
+    {
+        const ExclusiveGuard guard(m_clientsLock);
+        RemoveFirstOf(m_clients, owner);
+    }
+    UpdatePidMid();
+    return true;
+}
+
+bool BaseMessageClient::RegisterPublishHandler(const IPCMessageClient* owner, std::uint32_t moduleId,
+                                               PacketFunction onPacket) {
+    std::unique_ptr<PublishEntry> entry(new (std::nothrow) PublishEntry{moduleId, owner, std::move(onPacket)});
+    if (!entry) {
+        return false;
+    }
+    const ExclusiveGuard guard(m_publishLock);
+    m_publishHandlers.push_back(std::move(entry));
+    return true;
+}
+
+bool BaseMessageClient::UnregisterPublishHandler(const IPCMessageClient* owner) {
+    const ExclusiveGuard guard(m_publishLock);
+    RemoveFirstOf(m_publishHandlers, owner);
+    return true;
+}
+
+void BaseMessageClient::UpdatePidMid() {
+    const AutoLock lock(&m_registrationLock);
+    std::string body;
+    {
+        const SharedGuard guard(m_clientsLock);
+        for (const auto& entry : m_clients) {
+            body += std::to_string(entry->moduleId);
+            body += ' ';
+        }
+    }
+    BasePacket registration;
+    registration.SetFrom(GetCurrentProcessId());
+    registration.SetTo(ModuleId::kMsgServer);
+    registration.SetMsgId(ControlMessage::kRegistration);
+    registration.SetBody(std::move(body));
+    std::string frame;
+    registration.BuildFrame(frame);
+    QueueBytes(std::move(frame));
+}
+
+// ---- Sending and routing -------------------------------------------------------------------------------------------
+
+bool BaseMessageClient::HasDirectReceiver(std::uint32_t moduleId, bool evenIfForwarded) const {
+    const SharedGuard guard(m_clientsLock);
+    return std::any_of(m_clients.begin(), m_clients.end(), [&](const auto& entry) {
+        return entry->moduleId == moduleId && (evenIfForwarded || !entry->forwardPosts);
+    });
+}
+
+bool BaseMessageClient::PostPacket(const std::shared_ptr<BasePacket>& packet) {
+    if (packet->GetMsgType() == MessageType::kPublished || packet->GetTo() == ModuleId::kBroadcast) {
+        DispatchRecvPackage(packet);
+        return QueueFrame(packet);
+    }
+    if (HasDirectReceiver(packet->GetTo(), false)) {
+        DispatchRecvPackage(packet);
+        return true;
+    }
+    return QueueFrame(packet);
+}
+
+bool BaseMessageClient::SendPacket(const std::shared_ptr<BasePacket>& packet) {
+    if (HasDirectReceiver(packet->GetTo(), true)) {
+        DispatchRecvPackage(packet);
+        return true;
+    }
+    return QueueFrame(packet);
+}
+
+bool BaseMessageClient::QueueFrame(const std::shared_ptr<BasePacket>& packet) {
+    std::string frame;
+    packet->BuildFrame(frame);
+    if (frame.empty()) {
+        return false;
+    }
+    QueueBytes(std::move(frame));
+    return true;
+}
+
+void BaseMessageClient::DispatchRecvPackage(const std::shared_ptr<BasePacket>& packet) {
+    if (m_stop != 1) {
+        RoutePacket(packet);
+    }
+}
+
+void BaseMessageClient::RoutePacket(const std::shared_ptr<BasePacket>& packet) {
+    if (packet->GetMsgType() == MessageType::kPublished) {
+        const SharedGuard guard(m_publishLock);
+        for (const auto& entry : m_publishHandlers) {
+            entry->onPacket(packet);
+        }
+    } else {
+        const SharedGuard guard(m_clientsLock);
+        for (const auto& entry : m_clients) {
+            if (packet->GetTo() == ModuleId::kBroadcast || entry->moduleId == packet->GetTo()) {
+                entry->onPacket(packet);
+            }
+        }
+    }
+    WakeupReplyMsg(packet);
+}
+
+// ---- Waits ---------------------------------------------------------------------------------------------------------
+
+std::shared_ptr<BasePacket> BaseMessageClient::WaitForMessage(std::uint32_t msgId, DWORD timeoutMs,
+                                                              const std::shared_ptr<BasePacket>& request) {
+    const std::unique_ptr<ReplyWait> wait(new (std::nothrow) ReplyWait{});
+    if (!wait) {
+        LOG_ERROR("CReplyWait object alloc failed");
+        return nullptr;
+    }
+    wait->event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    wait->msgId = msgId;
+    wait->uniqMsgId = request->GetUniqMsgId();
+    wait->request = request;
+    {
+        const AutoLock lock(&m_replyWaits);
+        m_replyWaits.m_items.push_back(wait.get());
+    }
+    if (SendPacket(request) && !IsStopped()) {
+        LOG_DEBUG("wait for event. msgId=" << msgId << ", uniqMsgId=" << wait->uniqMsgId);
+        if (WaitForSingleObject(wait->event, timeoutMs) == WAIT_OBJECT_0) {
+            LOG_DEBUG("success wait for event. msgId=" << msgId << ", uniqMsgId=" << wait->uniqMsgId);
+        }
+    }
+    {
+        const AutoLock lock(&m_replyWaits);
+        m_replyWaits.m_items.remove(wait.get());
+    }
+    CloseHandle(wait->event);
+    return std::move(wait->reply);
+}
+
+void BaseMessageClient::WakeupReplyMsg(const std::shared_ptr<BasePacket>& packet) {
+    const AutoLock lock(&m_replyWaits);
+    for (ReplyWait* wait : m_replyWaits.m_items) {
+        if (auto reply = ReplyFor(*wait, packet)) {
+            wait->reply = std::move(reply);
+            SetEvent(wait->event);
+        }
+    }
+}
+
+// What the wait gets out of the packet; null when it waits for something else.
+std::shared_ptr<BasePacket> BaseMessageClient::ReplyFor(const ReplyWait& wait,
+                                                        const std::shared_ptr<BasePacket>& packet) {
+    const std::uint32_t msgId = packet->GetMsgId();
+    const std::uint32_t uniqMsgId = packet->GetUniqMsgId();
+    if (msgId == ControlMessage::kModuleOffline) {
+        std::uint32_t moduleId = 0;
+        if (!ReadModuleIdBody(packet->GetBody(), moduleId) || moduleId != wait.request->GetTo()) {
+            return nullptr;
+        }
+        LOG_DEBUG("offline msg. msgId=" << msgId << ", uniqId=" << uniqMsgId);
+        // The notice stands in for the answer of that module. A copy: callbacks may be reading the packet.
+        auto notice = std::make_shared<BasePacket>(*packet);
+        notice->SetTo(wait.request->GetFrom());
+        notice->SetFrom(wait.request->GetTo());
+        return notice;
+    }
+    if (wait.msgId == msgId && wait.uniqMsgId == uniqMsgId) {
+        LOG_DEBUG("find not offline msg. msgId=" << msgId << ", uniqId=" << uniqMsgId);
+        return packet;
+    }
+    LOG_DEBUG("illegal messages.");
+    return nullptr;
+}
+
+void BaseMessageClient::ReleaseWaits() {
+    const AutoLock lock(&m_replyWaits);
+    for (const ReplyWait* wait : m_replyWaits.m_items) {
+        SetEvent(wait->event);
+    }
+    m_replyWaits.m_items.clear();
+}
+
+} // namespace Vantor::Sentrix

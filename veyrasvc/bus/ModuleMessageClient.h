@@ -1,0 +1,177 @@
+// The client engine: the one connection of a process to the bus.
+//
+// The road of a frame out: the sender's thread queues it and, when nothing is queued before it and it is short, writes
+// it as well; only what the pipe does not take at once, and long frames, are left to the I/O thread.
+// The road in: the I/O thread reads, cuts frames, decodes and routes. Routing wakes waiting senders and queues work
+// items for callbacks, and never runs foreign code. A long payload, and whatever comes while one is being decoded, goes
+// to the dispatch thread instead, so that reading goes on.
+//
+// Waits are woken exactly once: a ReplyWait is on the list from before its request leaves until its sender takes it
+// off; whoever finds it there (an answer, an offline notice, the end of the connection) stores the outcome and signals
+// under the list's lock.
+#pragma once
+
+#include "veyrasvc/bus/BasePacket.h"
+#include "veyrasvc/bus/Frame.h"
+#include "veyrasvc/bus/NamedPipeIOCP.h"
+#include "veyrasvc/platform/Win32.h"
+#include "veyrasvc/util/LockedContainers.h"
+#include "veyrasvc/util/SlimLock.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Vantor::Sentrix {
+
+class IPCMessageClient;
+
+using PacketFunction = std::function<void(std::shared_ptr<BasePacket>)>;
+
+// A message client of this process, or the receiver of its publications. `onPacket` must not block and must not call
+// back into the engine: it queues work.
+struct ClientEntry {
+    std::uint32_t moduleId;
+    const IPCMessageClient* owner;
+    bool forwardPosts; // posts to it from this process go through the router
+    PacketFunction onPacket;
+};
+
+struct PublishEntry {
+    std::uint32_t moduleId;
+    const IPCMessageClient* owner;
+    PacketFunction onPacket;
+};
+
+// Threads: every public operation may be called from any thread.
+// Lifetime: made by the first Instance() of a process and never destroyed; stopped when the process exits.
+class BaseMessageClient {
+public:
+    static BaseMessageClient& Instance();
+
+    BaseMessageClient(const BaseMessageClient&) = delete;
+    BaseMessageClient& operator=(const BaseMessageClient&) = delete;
+
+    // True when the engine runs. False: an event or a thread could not be had, and nothing of it is left.
+    bool Start();
+    // Ends both threads (each is waited for at most 1000 ms), discards frames that are not written yet and payloads
+    // that are not dispatched yet, and ends every wait without an answer. Nothing is sent or received any more.
+    void Stop();
+    bool IsStopped() const { return m_stop != 0; }
+
+    // Each registration of a client tells the router the process's module ids anew. False: memory is short.
+    bool RegisterClient(const IPCMessageClient* owner, std::uint32_t moduleId, bool forwardPosts,
+                        PacketFunction onPacket);
+    bool UnregisterClient(const IPCMessageClient* owner);
+    bool RegisterPublishHandler(const IPCMessageClient* owner, std::uint32_t moduleId, PacketFunction onPacket);
+    bool UnregisterPublishHandler(const IPCMessageClient* owner);
+
+    // Delivers within the process, or queues for the router, or both (published and broadcast packets).
+    bool PostPacket(const std::shared_ptr<BasePacket>& packet);
+    // The same for a synchronous request: a client of this process always gets it directly.
+    bool SendPacket(const std::shared_ptr<BasePacket>& packet);
+    // Queues for the router. Frames leave in the order of these calls, also across a reconnection.
+    bool QueueFrame(const std::shared_ptr<BasePacket>& packet);
+    // Routes within the process.
+    void DispatchRecvPackage(const std::shared_ptr<BasePacket>& packet);
+
+    // Hands the request over and waits for the packet that answers it: message id `msgId`, correlation id as in the
+    // request, or an offline notice about its destination. Null: it could not be handed over, nothing came in time
+    // (INFINITE: no limit), the connection was lost or the engine stopped.
+    std::shared_ptr<BasePacket> WaitForMessage(std::uint32_t msgId, DWORD timeoutMs,
+                                               const std::shared_ptr<BasePacket>& request);
+    // Offers a packet to the waits; every match is woken.
+    void WakeupReplyMsg(const std::shared_ptr<BasePacket>& packet);
+
+    // Queues the registration packet.
+    void UpdatePidMid();
+
+private:
+    struct ReplyWait {
+        HANDLE event; // manual-reset; the waiting thread owns it and the record
+        std::uint32_t msgId;
+        std::uint32_t uniqMsgId;
+        std::shared_ptr<BasePacket> reply;
+        std::shared_ptr<BasePacket> request;
+    };
+
+    BaseMessageClient();
+    ~BaseMessageClient() = default;
+
+    bool CreateEvents();
+    void CloseEvents();
+    void EndThread(HANDLE& thread);
+    void DiscardQueues();
+
+    // The I/O thread.
+    static DWORD WorkerProc(void* engine);
+    void RunConnection();
+    bool Connect(DWORD timeoutMs);
+    bool AwaitPipe(DWORD timeoutMs) const;
+    bool StopsWithin(DWORD milliseconds) const;
+    void Disconnect();
+    void ReleaseWaits();
+    bool MovePipe();
+    bool AwaitWork();
+    bool ReadWhatIsThere();
+    bool StartRead(bool& completed);
+    bool OnReadComplete();
+    bool OnWriteComplete();
+    bool ExtractFrames(const char* bytes, std::size_t length);
+    bool PumpWrite(bool& drained);
+    bool WriteChunk(bool& written) VEYRA_REQUIRES(m_sendQueue);
+    bool MayWriteAtOnce(std::size_t length) const VEYRA_REQUIRES(m_sendQueue);
+
+    // The dispatch thread.
+    static DWORD NotifyProc(void* engine);
+    void DispatchReceived();
+    void Deliver(const char* payload, std::size_t length);
+
+    void QueueBytes(std::string frame);
+    void RoutePacket(const std::shared_ptr<BasePacket>& packet);
+    static std::shared_ptr<BasePacket> ReplyFor(const ReplyWait& wait, const std::shared_ptr<BasePacket>& packet);
+    bool HasDirectReceiver(std::uint32_t moduleId, bool evenIfForwarded) const;
+
+    LockList<ReplyWait*> m_replyWaits;
+    std::atomic<DWORD> m_stop{0};
+    CommonLock m_lifecycleLock; // serialises Start and Stop
+    HANDLE m_workerThread = nullptr;
+    HANDLE m_notifyThread = nullptr;
+
+    // Constant while the engine runs. Manual-reset: read, write, exit; auto-reset: send, receive.
+    HANDLE m_readEvent = nullptr;
+    HANDLE m_writeEvent = nullptr;
+    HANDLE m_exitEvent = nullptr;
+    HANDLE m_sendEvent = nullptr;
+    HANDLE m_recvEvent = nullptr;
+
+    // Touched only by the I/O thread.
+    bool m_connected = false; // the result of the last Connect
+    bool m_reading = false;   // a read is outstanding
+    OVERLAPPED m_readOverlapped{};
+    char m_readBuffer[kPipeIoBytes];
+    FrameCutter m_recvData;
+
+    LockQueue<std::string> m_recvQueue;         // payloads for the dispatch thread
+    std::atomic<std::size_t> m_undispatched{0}; // payloads pushed there and not yet routed
+
+    // The writing side: the send queue's lock guards all of it.
+    LockQueue<std::string> m_sendQueue; // whole frames
+    HANDLE m_pipe VEYRA_GUARDED_BY(m_sendQueue) = INVALID_HANDLE_VALUE;
+    bool m_writing VEYRA_GUARDED_BY(m_sendQueue) = false; // a write is outstanding
+    DWORD m_writeLength VEYRA_GUARDED_BY(m_sendQueue) = 0;
+    OVERLAPPED m_writeOverlapped VEYRA_GUARDED_BY(m_sendQueue){};
+    std::string m_sendRest VEYRA_GUARDED_BY(m_sendQueue); // the frame that is being written; the write reads from it
+    std::size_t m_sendRestOffset VEYRA_GUARDED_BY(m_sendQueue) = 0; // how much of it was handed to the pipe
+
+    mutable SlimLock m_clientsLock;
+    std::vector<std::unique_ptr<ClientEntry>> m_clients VEYRA_GUARDED_BY(m_clientsLock);
+    mutable SlimLock m_publishLock;
+    std::vector<std::unique_ptr<PublishEntry>> m_publishHandlers VEYRA_GUARDED_BY(m_publishLock);
+    CommonLock m_registrationLock; // a registration is composed and queued in one step, so that the last one is right
+};
+
+} // namespace Vantor::Sentrix

@@ -1,0 +1,88 @@
+// The router: the bus server proper.
+//
+// It cuts the bytes of every connection into frames, learns from the registration frames which module lives where, and
+// forwards each frame byte for byte to those who should have it. It knows connections only as contexts to send to.
+//
+// Locks, from the outside in: a context's lock (held by the pipe server around the virtual operations), a connection's
+// lock, the lock of m_connections, the contexts' locks of the receivers.
+#pragma once
+
+#include "veyrasvc/bus/Frame.h"
+#include "veyrasvc/bus/NamedPipeIOCP.h"
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace Vantor::Sentrix {
+
+class IPCMessageClient;
+struct TagIPCMessageItem;
+
+class ModuleMessageServer : public IOCPServer {
+public:
+    ModuleMessageServer();
+
+    bool OnNewConnection(IOCPContext* context) override;
+    void OnConnectionClose(IOCPContext* context, IOCPBuffer* buffer, DWORD error) override;
+    void OnRecvData(IOCPContext* context, IOCPBuffer* buffer) override;
+
+    // A server that still runs is a caller's error; it is stopped rather than left running over freed memory.
+    virtual ~ModuleMessageServer();
+
+private:
+    // One client process's connection, from OnNewConnection to OnConnectionClose. Its lock guards m_recvBuffer and is
+    // held while its frames are handled.
+    struct Connection : public CommonLock {
+        explicit Connection(IOCPContext* context) : m_context(context) {}
+
+        IOCPContext* const m_context;
+        std::uint32_t m_pid = 0; // of the client; 0 until its first registration. Touched by the worker only.
+        FrameCutter m_recvBuffer;
+        std::set<std::uint32_t> m_moduleIds; // guarded by the lock of m_connections
+    };
+
+    // The payload's first four integers.
+    struct PacketHeader {
+        std::uint32_t to;
+        std::uint32_t from;
+        std::uint32_t msgId;
+        std::uint32_t msgType;
+    };
+
+    void HandlePacket(Connection& connection, std::string_view frame);
+    static bool ReadPacketHeader(std::string_view frame, std::uint32_t& counter, PacketHeader& header);
+    // False when the frame was consumed.
+    bool HandleServerPacket(Connection& connection, std::string_view frame, std::uint32_t counter,
+                            const PacketHeader& header);
+    void SendToModule(std::string_view frame, std::uint32_t counter, const PacketHeader& header);
+    void SendToOtherProcesses(const Connection& sender, std::string_view frame, std::uint32_t counter,
+                              const PacketHeader& header, const char* title);
+    void SendToConnection(const Connection& connection, std::string_view frame);
+
+    void ApplyRegistration(Connection& connection, std::string_view frame, const PacketHeader& header);
+    void UpdateModuleIds(Connection& connection, const std::string& text);
+    void Link(Connection& connection, std::uint32_t moduleId) VEYRA_REQUIRES(m_connections);
+    void Unlink(Connection& connection, std::uint32_t moduleId) VEYRA_REQUIRES(m_connections);
+
+    void EnsureStatusClient();
+    void OnQueryModuleStatus(const TagIPCMessageItem& item);
+    void PublishStatus(std::uint32_t moduleId, std::uint32_t msgId) const;
+    void PostStatus(std::int32_t toModuleId, std::uint32_t moduleId, std::uint32_t msgId) const;
+
+    LockMap<std::uint64_t, Connection*> m_connections; // by the address of the context
+    // Which connections serve a module id; changed together with their m_moduleIds, by Link and Unlink.
+    std::unordered_map<std::uint32_t, std::vector<Connection*>> m_receivers VEYRA_GUARDED_BY(m_connections);
+    std::unique_ptr<IPCMessageClient> m_statusClient; // speaks for the bus itself; made on the first registration
+};
+
+// Logs one packet at DEBUG, with the display names of the two modules.
+// Threads: any.
+void WritePacketLog(const std::string& title, unsigned long packetIndex, unsigned long from, unsigned long to,
+                    unsigned long msg);
+
+} // namespace Vantor::Sentrix
