@@ -1,0 +1,205 @@
+// The program veyra, run as a shell would run it: exit codes, what it prints, and what really crosses the bus.
+#include "tools/support/ChildProcess.h"
+#include "tools/support/Utf8.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Vantor::Sentrix::Support {
+namespace {
+
+using Arguments = std::vector<std::string>;
+
+constexpr DWORD kPatienceMs = 30000;
+
+struct Outcome {
+    std::optional<DWORD> exitCode;
+    std::string text; // both streams, line by line
+};
+
+class Veyra {
+public:
+    explicit Veyra(const Arguments& arguments, ChildProcess::Output output = ChildProcess::Output::PipeAll) {
+        EXPECT_TRUE(m_process.Start(VEYRA_PROGRAM, arguments, output)) << GetLastError();
+    }
+
+    // The next line must be this one.
+    Veyra& Says(const std::string& line) {
+        EXPECT_EQ(m_process.ReadLine(kPatienceMs), line);
+        return *this;
+    }
+
+    std::string NextLine() { return m_process.ReadLine(kPatienceMs).value_or("(nothing)"); }
+    void Kill() { m_process.Kill(); }
+
+    Outcome Finish() {
+        Outcome outcome;
+        while (const auto line = m_process.ReadLine(kPatienceMs)) {
+            outcome.text += *line + '\n';
+        }
+        outcome.exitCode = m_process.WaitForExit(kPatienceMs);
+        return outcome;
+    }
+
+private:
+    ChildProcess m_process;
+};
+
+Outcome RunVeyra(const Arguments& arguments) {
+    return Veyra(arguments).Finish();
+}
+
+void ExpectOutcome(const Arguments& arguments, DWORD exitCode, const std::string& text) {
+    const Outcome outcome = RunVeyra(arguments);
+    EXPECT_EQ(outcome.exitCode, exitCode) << arguments.front();
+    EXPECT_EQ(outcome.text, text) << arguments.front();
+}
+
+// A bus of its own for every test, and a folder.
+class VeyraProgram : public testing::Test {
+protected:
+    VeyraProgram() {
+        static int number = 0;
+        m_name = "veyra-program-test-" + std::to_string(GetCurrentProcessId()) + '-' + std::to_string(++number);
+        SetEnvironmentVariableW(L"VEYRASVC_PIPE_NAMESPACE", WideFromUtf8(m_name).c_str());
+        SetEnvironmentVariableW(L"VEYRA_LOG_LEVEL", L"FATAL");
+        m_folder = std::filesystem::temp_directory_path() / m_name;
+        std::filesystem::create_directory(m_folder);
+    }
+    ~VeyraProgram() override { std::filesystem::remove_all(m_folder); }
+
+    Veyra& Serve() { return m_host.emplace(Arguments{"serve"}).Says(kServing); }
+
+    std::string File(const std::string& name, const std::string& bytes) const {
+        std::string path = (m_folder / name).string();
+        std::ofstream(path, std::ios::binary) << bytes;
+        return path;
+    }
+
+    static constexpr char kServing[] = R"(veyra: serving \\.\Pipe\iVeyraService)";
+    std::string m_name;
+    std::filesystem::path m_folder;
+    std::optional<Veyra> m_host;
+};
+
+TEST_F(VeyraProgram, WrongUsageIsTwo) {
+    const std::string file = File("body", "x");
+    const Arguments wrong[] = {{},
+                               {"fly"},
+                               {"serve", "now"},
+                               {"send", "--msg", "1"},
+                               {"send", "--to", "1"},
+                               {"send", "--to", "five", "--msg", "1"},
+                               {"send", "--to", "0x1g", "--msg", "1"},
+                               {"send", "--to", "0x100000000", "--msg", "1"},
+                               {"send", "--to", "-1", "--msg", "1"},
+                               {"send", "--to", "1", "--msg", "0"},
+                               {"send", "--to", "1", "--msg", "1", "--timeout", "soon"},
+                               {"post", "--to", "1", "--msg", "1", "--body-file", "/no/such/file"},
+                               {"post", "--to", "1", "--msg", "1", "--body-file", file, "body"},
+                               {"publish", "--msg", "1", "x"},
+                               {"listen", "--id", "1", "--msg", "9-8"},
+                               {"listen", "--id", "1", "--subscribe", "1:2:3"},
+                               {"listen", "--id", "1", "--out", file},
+                               {"status"},
+                               {"bench", "--only", "everything"}};
+    for (const Arguments& arguments : wrong) {
+        const Outcome outcome = RunVeyra(arguments);
+        EXPECT_EQ(outcome.exitCode, 2U) << testing::PrintToString(arguments);
+        EXPECT_FALSE(outcome.text.empty()) << testing::PrintToString(arguments);
+    }
+    EXPECT_EQ(RunVeyra({"listen", "--help"}).exitCode, 0U);
+}
+
+TEST_F(VeyraProgram, WithoutAHostItSaysSo) {
+    const std::string words = "veyra: nobody serves the bus; start `veyra serve`\n";
+    ExpectOutcome({"send", "--to", "1", "--msg", "1"}, 1, words);
+    ExpectOutcome({"post", "--to", "1", "--msg", "1", "x"}, 1, words);
+    ExpectOutcome({"publish", "--from", "1", "--msg", "1", "x"}, 1, words);
+    ExpectOutcome({"status", "1"}, 1, words);
+}
+
+TEST_F(VeyraProgram, OnlyOneServes) {
+    Serve();
+    ExpectOutcome({"serve"}, 1, "veyra: \\\\.\\Pipe\\iVeyraService is served already\n");
+    m_host->Kill();
+    m_host->Finish();
+    Serve(); // the name is free again
+}
+
+TEST_F(VeyraProgram, RequestsAreAnsweredOrTheReasonIsTold) {
+    Serve();
+    Veyra listener({"listen", "--id", "0x50000", "--reply", "pong \"1\"", "--count", "2"});
+    listener.Says("veyra: listening as 0x50000");
+    ExpectOutcome({"status", "327680"}, 0, "online\n");
+    ExpectOutcome({"send", "--to", "327680", "--msg", "010", "--from", "7", "a\tb"}, 0, "pong \"1\"\n");
+    listener.Says(R"(message from 0x7, id 0xa, 3 bytes: "a\tb")");
+    // Nobody receives this id, so the module stays silent.
+    ExpectOutcome({"send", "--to", "0x50000", "--msg", "0x99999", "--timeout", "200"}, 1,
+                  "veyra: module 0x50000 is online but gave no answer in time (200 ms)\n");
+    ExpectOutcome({"send", "--to", "0x50000", "--msg", "2", "--from", "7", "--reply-msg", "99", "--encrypt", "\u00e9"},
+                  0, "pong \"1\"\n");
+    listener.Says(R"(message from 0x7, id 0x2, reply id 0x63, 2 bytes: "\xc3\xa9")");
+    EXPECT_EQ(listener.Finish().exitCode, 0U) << "two were wanted";
+
+    ExpectOutcome({"send", "--to", "0x50000", "--msg", "1", "x"}, 1, "veyra: module 0x50000 is offline\n");
+    ExpectOutcome({"post", "--to", "0x50000", "--msg", "1", "x"}, 1,
+                  "veyra: module 0x50000 is offline; nobody has received the message\n");
+    ExpectOutcome({"status", "0x50000", "--json"}, 1, "{\"module\":327680,\"online\":false}\n");
+}
+
+TEST_F(VeyraProgram, JsonTellsEverything) {
+    Serve();
+    Veyra listener({"listen", "--id", "9", "--json", "--subscribe", "8", "--subscribe", "7:5"});
+    listener.Says("veyra: listening as 0x9");
+    EXPECT_EQ(
+        RunVeyra({"post", "--to", "9", "--from", "3", "--msg", "1", "--reply-msg", "2", "q\"\\\n\x01\u00e9"}).exitCode,
+        0U);
+    const std::string text = listener.NextLine();
+    const std::string head = R"({"kind":"message","from":3,"to":9,"msg":1,"replyMsg":2,"uniq":)";
+    EXPECT_EQ(text.substr(0, head.size()), head);
+    EXPECT_NE(text.find(",\"size\":7,\"body\":\"q\\\"\\\\\\n\\u0001\u00e9\"}"), std::string::npos) << text;
+
+    EXPECT_EQ(
+        RunVeyra({"post", "--to", "9", "--msg", "1", "--body-file", File("body", {"\0\xff\x10\x80", 4})}).exitCode, 0U);
+    const std::string binary = listener.NextLine();
+    EXPECT_NE(binary.find(R"("size":4,"bodyBase64":"AP8QgA=="})"), std::string::npos) << binary;
+
+    // The subscription to 7 lets one message through; that to 8 all, and its coming and going.
+    EXPECT_EQ(RunVeyra({"publish", "--from", "7", "--msg", "4", "missed"}).exitCode, 0U);
+    EXPECT_EQ(RunVeyra({"publish", "--from", "7", "--msg", "5", "caught"}).exitCode, 0U);
+    EXPECT_NE(listener.NextLine().find(R"("body":"caught"})"), std::string::npos);
+    Veyra other({"listen", "--id", "8"});
+    listener.Says(R"({"kind":"presence","module":8,"online":true})");
+    other.Kill();
+    listener.Says(R"({"kind":"presence","module":8,"online":false})");
+}
+
+TEST_F(VeyraProgram, BodiesAreStoredUnchanged) {
+    Serve();
+    std::string bytes(3 << 20, '\0');
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        bytes[i] = static_cast<char>(i * i >> 7);
+    }
+    Veyra listener({"listen", "--id", "9", "--count", "1", "--out", m_folder.string()});
+    listener.Says("veyra: listening as 0x9");
+    EXPECT_EQ(RunVeyra({"post", "--to", "9", "--msg", "1", "--encrypt", "--body-file", File("body", bytes)}).exitCode,
+              0U);
+    EXPECT_EQ(listener.Finish().exitCode, 0U);
+    std::ifstream stored(m_folder / "000001", std::ios::binary);
+    EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(stored), {}) == bytes);
+}
+
+} // namespace
+} // namespace Vantor::Sentrix::Support
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

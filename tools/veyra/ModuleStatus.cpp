@@ -1,0 +1,84 @@
+#include "tools/veyra/ModuleStatus.h"
+
+#include "tools/veyra/Stop.h"
+#include "veyrasvc/bus/ModuleId.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+
+namespace Vantor::Sentrix::Tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A question is lost when its frame was being written as the connection broke.
+constexpr std::chrono::milliseconds kRepeatInterval{1000};
+
+bool ReadModuleId(const TagIPCMessageItem& item, std::uint32_t& moduleId) {
+    if (item.data == nullptr || item.dataLen != sizeof moduleId) {
+        return false;
+    }
+    moduleId = 0;
+    for (int i = 3; i >= 0; --i) {
+        moduleId = moduleId << 8 | static_cast<unsigned char>(item.data[i]);
+    }
+    return true;
+}
+
+} // namespace
+
+struct StatusQuery::Answers {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::map<std::uint32_t, ModuleStatus> byModule; // guarded by mutex
+
+    void Take(const TagIPCMessageItem& item, ModuleStatus status) {
+        std::uint32_t moduleId = 0;
+        if (ReadModuleId(item, moduleId)) {
+            const std::lock_guard guard(mutex);
+            byModule[moduleId] = status;
+            changed.notify_all();
+        }
+    }
+};
+
+StatusQuery::StatusQuery(IPCMessageClient& client) : m_client(client), m_answers(std::make_shared<Answers>()) {
+    const auto listen = [&](std::uint32_t notice, ModuleStatus status) {
+        client.RegisterMessageCallback(
+            static_cast<int>(notice),
+            [answers = m_answers, status](TagIPCMessageItem& item) { answers->Take(item, status); });
+    };
+    listen(ControlMessage::kModuleOnline, ModuleStatus::Online);
+    listen(ControlMessage::kModuleOffline, ModuleStatus::Offline);
+}
+
+ModuleStatus StatusQuery::Ask(std::uint32_t moduleId, std::chrono::milliseconds patience) {
+    const auto deadline = Clock::now() + patience;
+    auto repeat = Clock::now();
+    std::unique_lock guard(m_answers->mutex);
+    auto& answers = m_answers->byModule;
+    answers.erase(moduleId);
+    while (!StopAsked() && Clock::now() < deadline) {
+        // The server's own module joins its bus with the first client; a question that was faster is sent back.
+        const bool tooEarly = answers.erase(ModuleId::kMsgServer) != 0;
+        if (tooEarly || (Clock::now() >= repeat && IsIPCServerPresent(0))) {
+            m_client.QueryModuleStatus(static_cast<int>(moduleId));
+            repeat = Clock::now() + kRepeatInterval;
+        }
+        m_answers->changed.wait_until(guard, std::min(deadline, Clock::now() + kStopCheckInterval));
+        if (const auto answer = answers.find(moduleId);
+            answer != answers.end() && (moduleId != ModuleId::kMsgServer || answer->second == ModuleStatus::Online)) {
+            return answer->second;
+        }
+    }
+    return ModuleStatus::NoAnswer;
+}
+
+bool StatusQuery::Flush() {
+    return Ask(ModuleId::kMsgServer) == ModuleStatus::Online;
+}
+
+} // namespace Vantor::Sentrix::Tool

@@ -1,0 +1,42 @@
+// Questions to the bus server, answered within a bound.
+#pragma once
+
+#include "veyrasvc/bus/IPCMessageExport.h"
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+
+namespace Vantor::Sentrix::Tool {
+
+// Long enough for a reconnection, which the library tries once a second.
+inline constexpr std::chrono::milliseconds kServerPatience{5000};
+
+enum class ModuleStatus { Online, Offline, NoAnswer };
+
+// Asks for modules through a client, whose callbacks for the two status notices it takes.
+//
+// Frames leave in the order in which they were queued and the server handles them in that order. So an answer also
+// proves that the server has seen everything that this process sent before it asked.
+//
+// Threads: one at a time.
+// Lifetime: the client must outlive it. The client keeps the callbacks, which do nothing more.
+class StatusQuery {
+public:
+    explicit StatusQuery(IPCMessageClient& client);
+
+    // The question waits for a connection and is repeated when it may have been lost.
+    // Fails: NoAnswer after `patience`, or when the user wants to stop.
+    ModuleStatus Ask(std::uint32_t moduleId, std::chrono::milliseconds patience = kServerPatience);
+
+    // True when the server has seen what was sent before.
+    bool Flush();
+
+private:
+    struct Answers;
+
+    IPCMessageClient& m_client;
+    std::shared_ptr<Answers> m_answers; // shared with the callbacks
+};
+
+} // namespace Vantor::Sentrix::Tool

@@ -1,0 +1,31 @@
+// The verbs of the program. Each adds its subcommand and returns what runs when it was given.
+#pragma once
+
+#include <functional>
+
+namespace CLI {
+class App;
+}
+
+namespace Vantor::Sentrix::Tool {
+
+// Exit codes of every verb. Wrong usage is 2; the parser finds it before a verb runs.
+inline constexpr int kDone = 0;
+inline constexpr int kFailed = 1;
+inline constexpr int kWrongUsage = 2;
+
+struct Verb {
+    CLI::App* command;
+    std::function<int()> run;
+};
+
+Verb AddServe(CLI::App& program);
+Verb AddSend(CLI::App& program);
+Verb AddPost(CLI::App& program);
+Verb AddPublish(CLI::App& program);
+Verb AddListen(CLI::App& program);
+Verb AddStatus(CLI::App& program);
+Verb AddBench(CLI::App& program);
+Verb AddBenchWorker(CLI::App& program); // hidden: what `bench` starts
+
+} // namespace Vantor::Sentrix::Tool

@@ -1,0 +1,74 @@
+// veyra: the operator's program of the message bus.
+#include "logging/Logger.h"
+#include "tools/veyra/StandardIo.h"
+#include "tools/veyra/Verbs.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdlib>
+#include <exception>
+#include <vector>
+
+namespace Vantor::Sentrix::Tool {
+namespace {
+
+constexpr char kFooter[] = "Ids are decimal, or hexadecimal after 0x. Data goes to standard output, talk to standard "
+                           "error.\nExit codes: 0 done, 1 failed, 2 wrong usage.";
+
+// A verb that asks for one thing says itself what came of it; the library's warnings would say it twice.
+void QuietLog(log4cplus::LogLevel level) {
+    const bool chosen = std::getenv("VEYRA_LOG_LEVEL") != nullptr || // NOLINT(concurrency-mt-unsafe): one thread yet
+                        std::getenv("VEYRA_LOG_CONFIG") != nullptr;  // NOLINT(concurrency-mt-unsafe)
+    if (!chosen) {
+        GetLogger().setLogLevel(level);
+    }
+}
+
+int Parse(CLI::App& program, int argc, char** argv) {
+    try {
+        program.parse(argc, argv);
+        return kDone;
+    } catch (const CLI::ParseError& error) {
+        return program.exit(error) == 0 ? -1 : kWrongUsage; // -1: help was asked for and given
+    }
+}
+
+int RunChosen(const std::vector<Verb>& verbs) {
+    for (const Verb& verb : verbs) {
+        if (verb.command->parsed()) {
+            return verb.run();
+        }
+    }
+    return kWrongUsage;
+}
+
+int Run(int argc, char** argv) {
+    CLI::App program("Serves and uses the message bus of this machine.", "veyra");
+    program.footer(kFooter);
+    program.require_subcommand(1);
+    const std::vector<Verb> verbs = {AddServe(program),   AddSend(program),       AddPost(program),
+                                     AddPublish(program), AddListen(program),     AddStatus(program),
+                                     AddBench(program),   AddBenchWorker(program)};
+    if (const int result = Parse(program, argc, argv); result != kDone) {
+        return result < 0 ? kDone : result;
+    }
+    if (program.got_subcommand("bench-worker")) {
+        QuietLog(log4cplus::FATAL_LOG_LEVEL); // a host tells of its start as an error
+    } else if (!program.got_subcommand("serve") && !program.got_subcommand("listen")) {
+        QuietLog(log4cplus::ERROR_LOG_LEVEL);
+    }
+    return RunChosen(verbs);
+}
+
+} // namespace
+} // namespace Vantor::Sentrix::Tool
+
+int main(int argc, char** argv) {
+    using namespace Vantor::Sentrix::Tool;
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& error) {
+        Say(error.what());
+        return kFailed;
+    }
+}
