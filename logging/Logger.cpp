@@ -60,6 +60,7 @@ void ApplyLevel(log4cplus::Logger& logger, const std::string& name) {
 
 log4cplus::Logger* MakeLogger() {
     log4cplus::initialize();
+    log4cplus::setThreadPoolSize(1); // serves asynchronous appenders alone; its default is four idle threads
     auto* logger = new log4cplus::Logger(log4cplus::Logger::getInstance(Wide("veyrasvc")));
 
     const std::string config = Environment("VEYRA_LOG_CONFIG");

@@ -56,7 +56,7 @@ Frames CutByLibrary(const std::string& stream, const std::vector<std::size_t>& p
     inStep = true;
     for (const std::size_t piece : pieces) {
         inStep = inStep && cutter.Feed(std::string_view(stream).substr(at, piece),
-                                       [&](std::string_view frame) { frames.emplace_back(frame); });
+                                       [&](const FrameCutter::Frame& frame) { frames.emplace_back(frame.bytes); });
         at += piece;
     }
     return frames;
@@ -185,7 +185,7 @@ TEST(FrameTest, OutOfStepBytesAreDroppedAndTheNextFrameIsFound) {
     FrameCutter cutter;
     Frames frames;
     const auto feed = [&](const std::string& bytes) {
-        return cutter.Feed(bytes, [&](std::string_view frame) { frames.emplace_back(frame); });
+        return cutter.Feed(bytes, [&](const FrameCutter::Frame& frame) { frames.emplace_back(frame.bytes); });
     };
     EXPECT_FALSE(feed(kFull.Frame() + "0123456789abcdef" + kFull.Frame()));
     EXPECT_TRUE(feed("0123456789abcde")) << "too short to be judged";

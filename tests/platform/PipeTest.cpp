@@ -34,6 +34,8 @@ TEST(PipeTest, ANameIsServedAsLongAsItHasAnInstance) {
         std::transform(name.begin(), name.end(), shouted.begin(), towupper);
         const Owned client = OpenClient(shouted);
         EXPECT_NE(client, INVALID_HANDLE_VALUE) << "names ignore case";
+        DWORD mode = PIPE_READMODE_BYTE | PIPE_WAIT;
+        EXPECT_TRUE(SetNamedPipeHandleState(client, &mode, nullptr, nullptr)) << GetLastError();
         EXPECT_EQ(Next(port).overlapped, &accept);
         first.server.Close();
         ExpectRefused(name, ERROR_PIPE_BUSY, ERROR_SEM_TIMEOUT);

@@ -208,11 +208,11 @@ void RunTraffic(unsigned connections, std::size_t bytes, unsigned portThreads, i
 }
 
 TEST(PipeTrafficTest, ArrivesCompleteAndInOrder) {
-    RunTraffic(1, 20 << 20, 1, 4, false);
+    RunTraffic(1, 8 << 20, 1, 4, false);
 }
 
 TEST(PipeTrafficTest, ArrivesFromASenderThreadWhileAnotherWaits) {
-    RunTraffic(1, 10 << 20, 1, 4, true);
+    RunTraffic(1, 5 << 20, 1, 4, true);
 }
 
 TEST(PipeTrafficTest, ArrivesOnManyConnectionsOfOnePort) {

@@ -90,6 +90,23 @@ TEST(PosixPipeNameTest, APipeIsASocketOfItsNamespaceWithNothingButItsBytes) {
     close(peer);
 }
 
+TEST(PosixPipeNameTest, WhatIsNotSuppliedIsRefused) {
+    const std::wstring name = UniquePipeName();
+    const auto create = [](const std::wstring& path, DWORD openMode, DWORD pipeMode, DWORD instances) {
+        CreateNamedPipeW(path.c_str(), openMode, pipeMode, instances, 0, 0, 0, nullptr);
+        return GetLastError();
+    };
+    constexpr DWORD kOverlapped = PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED;
+    constexpr DWORD kMessages = 4;
+    EXPECT_EQ(create(name, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, PIPE_UNLIMITED_INSTANCES), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(create(name, kOverlapped, kMessages, PIPE_UNLIMITED_INSTANCES), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(create(name, kOverlapped, PIPE_TYPE_BYTE, 1), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(create(name + std::wstring(100, L'x'), kOverlapped, PIPE_TYPE_BYTE, PIPE_UNLIMITED_INSTANCES),
+              ERROR_INVALID_NAME);
+    EXPECT_FALSE(WaitNamedPipeW(name.c_str(), 0));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER) << "the server's own time-out is not kept";
+}
+
 TEST(PosixPipeNameTest, ANameBelongsToOneProcessAndGoesWithIt) {
     const std::wstring name = UniquePipeName();
     ChildProcess server;

@@ -34,41 +34,37 @@ bool FrameHeader::IsPayloadIntact(std::string_view frame) {
 }
 
 void FrameCutter::Clear() {
-    std::string().swap(m_rest);
+    std::string().swap(m_held); // an idle connection holds no buffer
     m_needed = FrameHeader::kSize;
     m_measured = false;
 }
 
-std::string_view FrameCutter::Join(std::string_view bytes) {
-    if (m_rest.empty()) {
-        return bytes; // whole frames are handed out from where they are
+std::size_t FrameCutter::LengthOfFirst(std::string_view bytes) {
+    if (bytes.size() < FrameHeader::kSize) {
+        return kIncomplete;
     }
-    m_rest.append(bytes);
-    return m_rest;
+    if (!FrameHeader::IsIntact(bytes.data())) {
+        return kCorrupt;
+    }
+    const std::size_t length = FrameHeader::kSize + std::size_t{FrameHeader::PayloadLength(bytes.data())};
+    return length <= bytes.size() ? length : kIncomplete;
 }
 
-bool FrameCutter::Measure(std::string_view held) {
-    if (m_measured) {
+bool FrameCutter::Gather(std::string_view& bytes) {
+    const std::size_t taken = std::min(bytes.size(), m_needed - m_held.size());
+    m_held.append(bytes.substr(0, taken));
+    bytes.remove_prefix(taken);
+    if (m_measured || m_held.size() < m_needed) {
         return true;
     }
-    if (!FrameHeader::IsIntact(held.data())) {
+    if (!FrameHeader::IsIntact(m_held.data())) {
+        Clear();
         return false;
     }
-    m_needed = FrameHeader::kSize + std::size_t{FrameHeader::PayloadLength(held.data())};
+    m_needed += FrameHeader::PayloadLength(m_held.data());
     m_measured = true;
+    m_held.reserve(std::min(m_needed, kReserveLimit));
     return true;
-}
-
-void FrameCutter::Keep(std::string_view rest) {
-    if (!m_rest.empty() && rest.size() == m_rest.size()) {
-        return; // nothing was cut off
-    }
-    std::string kept; // an idle connection holds no buffer
-    if (!rest.empty()) {
-        kept.reserve(m_measured ? std::min(m_needed, kReserveLimit) : rest.size());
-        kept.assign(rest);
-    }
-    m_rest.swap(kept);
 }
 
 } // namespace Vantor::Sentrix

@@ -33,40 +33,47 @@ struct FrameHeader {
 // Threads: one at a time.
 class FrameCutter {
 public:
-    // Hands every frame that is whole now to `handle(std::string_view frame)`, header included, valid during that
-    // call. False when the bytes are out of step: everything held is dropped and nothing of these bytes is kept.
+    struct Frame {
+        std::string_view bytes; // header included; valid while it is being handled
+        // Where a frame that came in pieces was put together: the handler may move it away. Else null.
+        std::string* storage;
+    };
+
+    // Hands every frame that is whole now to `handle(Frame)`. False when the bytes are out of step: everything held is
+    // dropped and nothing of these bytes is kept.
     template <class Handler> bool Feed(std::string_view bytes, Handler&& handle) {
-        std::string_view held = Join(bytes);
-        while (held.size() >= m_needed) {
-            if (!Measure(held)) {
-                Clear();
+        while (!bytes.empty()) {
+            const std::size_t whole = m_held.empty() ? LengthOfFirst(bytes) : kIncomplete;
+            if (whole == kCorrupt) {
                 return false;
             }
-            if (held.size() < m_needed) {
-                break;
+            if (whole != kIncomplete) {
+                handle(Frame{bytes.substr(0, whole), nullptr}); // from where it is, without a copy
+                bytes.remove_prefix(whole);
+            } else if (!Gather(bytes)) {
+                return false;
+            } else if (m_held.size() == m_needed && m_measured) {
+                handle(Frame{m_held, &m_held});
+                Clear();
             }
-            const std::string_view frame = held.substr(0, m_needed);
-            m_needed = FrameHeader::kSize;
-            m_measured = false;
-            handle(frame);
-            held.remove_prefix(frame.size());
         }
-        Keep(held);
         return true;
     }
 
     void Clear();
 
 private:
-    // The bytes that are left from before followed by `bytes`, in one piece.
-    std::string_view Join(std::string_view bytes);
-    // Reads the header at the front and sets m_needed to the whole frame; false when it is corrupt.
-    bool Measure(std::string_view held);
-    void Keep(std::string_view rest);
+    static constexpr std::size_t kIncomplete = 0;
+    static constexpr std::size_t kCorrupt = ~std::size_t{0};
 
-    std::string m_rest;
-    std::size_t m_needed = FrameHeader::kSize; // bytes without which nothing can be done
-    bool m_measured = false;                   // m_needed is the length of the frame at the front
+    // Of the frame that the bytes begin with, if it is whole.
+    static std::size_t LengthOfFirst(std::string_view bytes);
+    // Moves bytes over to m_held, as far as the header or the frame there needs them. False: the header is corrupt.
+    bool Gather(std::string_view& bytes);
+
+    std::string m_held;                        // the front of a frame
+    std::size_t m_needed = FrameHeader::kSize; // the bytes m_held should have: a header, or the whole frame
+    bool m_measured = false;                   // the header has been read
 };
 
 } // namespace Vantor::Sentrix

@@ -8,6 +8,7 @@
 // while there is none waits and leaves later, in order.
 #pragma once
 
+#include "veyrasvc/bus/ModuleId.h" // the ids that the bus reserves
 #include "veyrasvc/platform/Export.h"
 
 #include <cstdint>

@@ -75,8 +75,8 @@ void BaseMessageClient::Stop() {
     m_stop = 1;
     DiscardQueues();
     if (m_workerThread != nullptr) {
-        // Not the read and write events: those say that an operation has completed, and the I/O thread would wait for it.
-        // The events stay open: a sender may be about to signal one. The process takes them with it.
+        // Not the read and write events: those say that an operation has completed, and the I/O thread would wait for
+        // it. The events stay open: a sender may be about to signal one. The process takes them with it.
         for (const HANDLE event : {m_exitEvent, m_sendEvent, m_recvEvent}) {
             SetEvent(event);
         }

@@ -23,6 +23,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Vantor::Sentrix {
@@ -128,7 +129,8 @@ private:
     // The dispatch thread.
     static DWORD NotifyProc(void* engine);
     void DispatchReceived();
-    void Deliver(const char* payload, std::size_t length);
+    void Deliver(const FrameCutter::Frame& frame);
+    void DecodeAndRoute(std::string_view frame);
 
     void QueueBytes(std::string frame);
     void RoutePacket(const std::shared_ptr<BasePacket>& packet);
@@ -155,8 +157,8 @@ private:
     char m_readBuffer[kPipeIoBytes];
     FrameCutter m_recvData;
 
-    LockQueue<std::string> m_recvQueue;         // payloads for the dispatch thread
-    std::atomic<std::size_t> m_undispatched{0}; // payloads pushed there and not yet routed
+    LockQueue<std::string> m_recvQueue;         // frames for the dispatch thread
+    std::atomic<std::size_t> m_undispatched{0}; // frames pushed there and not yet routed
 
     // The writing side: the send queue's lock guards all of it.
     LockQueue<std::string> m_sendQueue; // whole frames

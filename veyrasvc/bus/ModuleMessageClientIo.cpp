@@ -19,8 +19,8 @@ constexpr DWORD kDispatchIntervalMs = 30000;
 // A frame up to this length may be written by its sender. A longer one would keep the sender busy with many writes,
 // which the I/O thread can join.
 constexpr std::size_t kDirectFrameBytes = 32 * 1024;
-// A payload up to this length is decoded by the I/O thread itself: copying it is cheaper than waking another thread.
-constexpr std::size_t kInlinePayloadBytes = 64 * 1024;
+// A frame up to this length is decoded by the I/O thread itself: copying it is cheaper than waking another thread.
+constexpr std::size_t kInlineFrameBytes = 64 * 1024;
 // Reads and writes in a row before the other direction has its turn.
 constexpr int kTransfersPerTurn = 64;
 
@@ -199,29 +199,34 @@ bool BaseMessageClient::OnReadComplete() {
 // Bytes that are out of step are dropped and the connection stays. False: no memory for what is coming.
 bool BaseMessageClient::ExtractFrames(const char* bytes, std::size_t length) {
     try {
-        m_recvData.Feed({bytes, length}, [this](std::string_view frame) {
-            const std::string_view payload = frame.substr(FrameHeader::kSize);
-            Deliver(payload.data(), payload.size());
-        });
+        m_recvData.Feed({bytes, length}, [this](const FrameCutter::Frame& frame) { Deliver(frame); });
         return true;
     } catch (const std::bad_alloc&) {
         return false;
     }
 }
 
-void BaseMessageClient::Deliver(const char* payload, std::size_t length) {
-    if (m_undispatched == 0 && length <= kInlinePayloadBytes) {
-        const auto packet = std::make_shared<BasePacket>();
-        packet->DeserializeFrom(payload, length);
-        DispatchRecvPackage(packet);
+void BaseMessageClient::Deliver(const FrameCutter::Frame& frame) {
+    if (m_undispatched == 0 && frame.bytes.size() <= kInlineFrameBytes) {
+        DecodeAndRoute(frame.bytes);
         return;
     }
     ++m_undispatched;
     {
         const AutoLock lock(&m_recvQueue);
-        m_recvQueue.m_items.emplace(payload, length);
+        if (frame.storage != nullptr) {
+            m_recvQueue.m_items.push(std::move(*frame.storage));
+        } else {
+            m_recvQueue.m_items.emplace(frame.bytes);
+        }
     }
     SetEvent(m_recvEvent);
+}
+
+void BaseMessageClient::DecodeAndRoute(std::string_view frame) {
+    const auto packet = std::make_shared<BasePacket>();
+    packet->DeserializeFrom(frame.data() + FrameHeader::kSize, frame.size() - FrameHeader::kSize);
+    DispatchRecvPackage(packet);
 }
 
 // ---- Writing -------------------------------------------------------------------------------------------------------
@@ -323,21 +328,19 @@ DWORD BaseMessageClient::NotifyProc(void* engine) {
 
 void BaseMessageClient::DispatchReceived() {
     while (m_stop == 0) {
-        std::string payload;
+        std::string frame;
         {
             const AutoLock lock(&m_recvQueue);
             if (m_recvQueue.m_items.empty()) {
                 return;
             }
-            payload = std::move(m_recvQueue.m_items.front());
+            frame = std::move(m_recvQueue.m_items.front());
             m_recvQueue.m_items.pop();
         }
         try {
-            const auto packet = std::make_shared<BasePacket>();
-            packet->DeserializeFrom(payload.data(), payload.size());
-            DispatchRecvPackage(packet);
+            DecodeAndRoute(frame);
         } catch (const std::bad_alloc&) {
-            LOG_ERROR("no memory for a received message. bytes=" << payload.size());
+            LOG_ERROR("no memory for a received message. bytes=" << frame.size());
         }
         --m_undispatched;
     }

@@ -163,8 +163,10 @@ void ModuleMessageServer::OnRecvData(IOCPContext* context, IOCPBuffer* buffer) {
     const AutoLock lock(connection);
     bool inStep = false;
     try {
-        inStep = connection->m_recvBuffer.Feed({buffer->m_data, buffer->m_length},
-                                               [&](std::string_view frame) { HandlePacket(*connection, frame); });
+        inStep =
+            connection->m_recvBuffer.Feed({buffer->m_data, buffer->m_length}, [&](const FrameCutter::Frame& frame) {
+                HandlePacket(*connection, frame.bytes);
+            });
     } catch (const std::bad_alloc&) {
         LOG_ERROR("no memory for a frame; the connection is closed. pid=" << connection->m_pid);
         connection->m_recvBuffer.Clear();
@@ -237,29 +239,38 @@ bool ModuleMessageServer::HandleServerPacket(Connection& connection, std::string
 }
 
 void ModuleMessageServer::SendToModule(std::string_view frame, std::uint32_t counter, const PacketHeader& header) {
+    m_targets.clear();
     {
         const AutoLock lock(&m_connections);
         const auto found = m_receivers.find(header.to);
         if (found != m_receivers.end()) {
-            for (const Connection* receiver : found->second) {
-                SendToConnection(*receiver, frame);
-                LogPacket("Send Packet To Module.Id. ", counter, header.from, header.to, header.msgId);
-            }
-            return;
+            m_targets.assign(found->second.begin(), found->second.end());
         }
     }
-    PostStatus(static_cast<std::int32_t>(header.from), header.to, ControlMessage::kModuleOffline);
-    LogPacket("Miss Module:", counter, header.from, header.to, header.msgId);
+    for (const Connection* receiver : m_targets) {
+        SendToConnection(*receiver, frame);
+        LogPacket("Send Packet To Module.Id. ", counter, header.from, header.to, header.msgId);
+    }
+    if (m_targets.empty()) {
+        PostStatus(static_cast<std::int32_t>(header.from), header.to, ControlMessage::kModuleOffline);
+        LogPacket("Miss Module:", counter, header.from, header.to, header.msgId);
+    }
 }
 
 void ModuleMessageServer::SendToOtherProcesses(const Connection& sender, std::string_view frame, std::uint32_t counter,
                                                const PacketHeader& header, const char* title) {
-    const AutoLock lock(&m_connections);
-    for (const auto& [key, connection] : m_connections.m_items) {
-        if (connection->m_pid != sender.m_pid) {
-            SendToConnection(*connection, frame);
-            LogPacket(title, counter, header.from, connection->m_pid, header.msgId);
+    m_targets.clear();
+    {
+        const AutoLock lock(&m_connections);
+        for (const auto& [key, connection] : m_connections.m_items) {
+            if (connection->m_pid != sender.m_pid) {
+                m_targets.push_back(connection);
+            }
         }
+    }
+    for (const Connection* receiver : m_targets) {
+        SendToConnection(*receiver, frame);
+        LogPacket(title, counter, header.from, receiver->m_pid, header.msgId);
     }
 }
 

@@ -3,8 +3,9 @@
 // It cuts the bytes of every connection into frames, learns from the registration frames which module lives where, and
 // forwards each frame byte for byte to those who should have it. It knows connections only as contexts to send to.
 //
-// Locks, from the outside in: a context's lock (held by the pipe server around the virtual operations), a connection's
-// lock, the lock of m_connections, the contexts' locks of the receivers.
+// Locks, from the outside in: a context's lock (held by the pipe server while a connection begins or ends) before the
+// lock of m_connections; a connection's lock before the locks of the contexts it sends to. Frames are sent when
+// m_connections is free again: connections end only by the worker, which is the one that sends.
 #pragma once
 
 #include "veyrasvc/bus/Frame.h"
@@ -77,6 +78,7 @@ private:
     LockMap<std::uint64_t, Connection*> m_connections; // by the address of the context
     // Which connections serve a module id; changed together with their m_moduleIds, by Link and Unlink.
     std::unordered_map<std::uint32_t, std::vector<Connection*>> m_receivers VEYRA_GUARDED_BY(m_connections);
+    std::vector<const Connection*> m_targets;         // of the frame at hand; touched by the worker only
     std::unique_ptr<IPCMessageClient> m_statusClient; // speaks for the bus itself; made on the first registration
 };
 

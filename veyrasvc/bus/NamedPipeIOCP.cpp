@@ -259,28 +259,28 @@ void IOCPServer::EndConnection(IOCPContext* context, IOCPBuffer* buffer, int err
 
 void IOCPServer::OperationTransferProcess(IOCPContext& context, DWORD bytes, IOCPBuffer& buffer, int error,
                                           bool& close) {
-    const AutoLock lock(&context);
     const PipeOperation operation = buffer.m_operation;
-    if (operation == PipeOperation::Read) {
-        --context.m_pendingReads;
-    } else if (operation == PipeOperation::Write) {
-        --context.m_pendingWrites;
-    }
-    if (context.m_closed == 1 || error != 0 || bytes == 0) {
-        return;
+    {
+        const AutoLock lock(&context);
+        context.m_pendingReads -= operation == PipeOperation::Read ? 1 : 0;
+        context.m_pendingWrites -= operation == PipeOperation::Write ? 1 : 0;
+        if (context.m_closed == 1 || error != 0 || bytes == 0) {
+            return;
+        }
     }
     buffer.m_length = bytes;
-    if (operation == PipeOperation::Write) {
-        ReleaseBuffer(&buffer);
-        EmptySendQueue(&context);
-        close = false;
-    } else if (operation == PipeOperation::Read) {
+    if (operation == PipeOperation::Read) {
         OnRecvData(&context, &buffer);
         buffer.m_length = kPipeIoBytes;
         close = PostRecv(&context, &buffer) == 0;
-    } else {
-        close = false;
+        return;
     }
+    if (operation == PipeOperation::Write) {
+        ReleaseBuffer(&buffer);
+        const AutoLock lock(&context);
+        EmptySendQueue(&context);
+    }
+    close = false;
 }
 
 // ---- Reading and writing -------------------------------------------------------------------------------------------

@@ -86,7 +86,8 @@ protected:
     IOCPServer(const IOCPServer&) = delete;
     IOCPServer& operator=(const IOCPServer&) = delete;
 
-    // All three run one at a time, under the context's lock.
+    // All three run one at a time. The first two run under the context's lock; OnRecvData runs without it, because it
+    // sends to other contexts, and the locks of two contexts are never held at once.
     // A client has connected; false refuses it.
     virtual bool OnNewConnection(IOCPContext* context);
     // The connection has ended; `error` is 0 or the system's code. At most once per context.
