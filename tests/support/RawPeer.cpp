@@ -181,7 +181,7 @@ std::optional<std::string> RawPeer::NextFrame() {
 std::string RawPeer::Read(std::size_t count) {
     while (m_held.size() < count && ReadMore()) {
     }
-    const std::string bytes = m_held.substr(0, count);
+    std::string bytes = m_held.substr(0, count);
     m_held.erase(0, bytes.size());
     return bytes;
 }

@@ -77,7 +77,7 @@ private:
     std::unordered_map<std::uint64_t, std::shared_ptr<PortSource>> m_watched;
     std::uint64_t m_nextId = 1;
     int m_sleepers = 0;
-    int m_handedOut = 0;      // completions since the last service
+    int m_handedOut = 0;        // completions since the last service
     int m_servicesUnpolled = 0; // services since the last look at epoll
     bool m_closed = false;
 };

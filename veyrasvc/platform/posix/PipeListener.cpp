@@ -39,8 +39,7 @@ std::string AddressBytes(const sockaddr_un& address, socklen_t length) {
 bool IsOwnAccount(int socket) {
     ucred peer{};
     socklen_t length = sizeof peer;
-    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
-           (peer.uid == geteuid() || peer.uid == 0);
+    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && (peer.uid == geteuid() || peer.uid == 0);
 }
 
 } // namespace

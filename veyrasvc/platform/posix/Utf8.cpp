@@ -52,7 +52,7 @@ Lead LeadOf(unsigned char byte) {
 // Takes one character from the front of the text.
 bool TakeCharacter(std::string_view& text, char32_t& value) {
     const Lead lead = LeadOf(static_cast<unsigned char>(text[0]));
-    const auto length = static_cast<std::size_t>(lead.following + 1);
+    const std::size_t length = static_cast<std::size_t>(lead.following) + 1; // not used when it is negative
     if (lead.following < 0 || text.size() < length) {
         return false;
     }
