@@ -13,7 +13,6 @@ TEST(SecurityAttributeTest, BuildsAttributesThatAPipeTakesAsOftenAsAsked) {
     ASSERT_NE(first, nullptr);
     SECURITY_ATTRIBUTES* const second = attribute.EveryoneSecAttr();
     EXPECT_EQ(second, first);
-    EXPECT_EQ(second->nLength, sizeof(SECURITY_ATTRIBUTES));
     EXPECT_NE(second->lpSecurityDescriptor, nullptr);
     EXPECT_FALSE(second->bInheritHandle);
     const std::wstring name = L"\\\\.\\pipe\\veyra-security-" + std::to_wstring(GetCurrentProcessId());

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -46,21 +47,14 @@ DWORD WaitElsewhere(HANDLE mutex, DWORD milliseconds) {
 
 // ---- The children --------------------------------------------------------------------------------------------------
 
-int Say(const char* text) {
-    std::puts(text);
-    return std::fflush(stdout);
-}
-
-// Holds the mutex until `go` is free.
-int Hold(const std::string& name, const std::string& go) {
-    const HANDLE mutex = Open(name);
-    const HANDLE start = Open(go);
-    if (WaitForSingleObject(mutex, INFINITE) != WAIT_OBJECT_0) {
-        return 1;
+// Holds the mutex until it is killed.
+int Hold(const std::string& name) {
+    if (WaitForSingleObject(Open(name), INFINITE) == WAIT_OBJECT_0) {
+        std::puts("holding");
+        std::fflush(stdout);
+        Sleep(INFINITE);
     }
-    Say("holding");
-    WaitForSingleObject(start, INFINITE);
-    return ReleaseMutex(mutex) != FALSE ? 0 : 1;
+    return 1;
 }
 
 // Adds to a number in a file, which only the mutex keeps from being lost. Each round has the mutex made and forgotten.
@@ -71,12 +65,9 @@ int Count(const std::string& name, const std::string& path, int rounds) {
         if (mutex == nullptr || result != WAIT_OBJECT_0) {
             return 1;
         }
-        std::FILE* file = std::fopen(path.c_str(), "r+");
-        long value = 0;
-        const bool isRead = file != nullptr && std::fscanf(file, "%ld", &value) == 1;
-        std::rewind(file);
-        std::fprintf(file, "%ld", value + 1);
-        std::fclose(file);
+        int value = 0;
+        const bool isRead = !(std::ifstream(path) >> value).fail();
+        std::ofstream(path) << value + 1;
         if (!isRead || ReleaseMutex(mutex) == FALSE || CloseHandle(mutex) == FALSE) {
             return 2;
         }
@@ -85,10 +76,6 @@ int Count(const std::string& name, const std::string& path, int rounds) {
 }
 
 // ---- The tests -----------------------------------------------------------------------------------------------------
-
-void Start(ChildProcess& child, const std::vector<std::string>& arguments) {
-    ASSERT_TRUE(child.Start(Support::OwnProgramPath(), arguments, ChildProcess::Output::Pipe)) << GetLastError();
-}
 
 TEST(MutexTest, IsReentrantForItsOwnerAlone) {
     for (const HANDLE mutex : {Create(UniqueName("owned")), CreateMutexW(nullptr, FALSE, nullptr)}) {
@@ -105,17 +92,12 @@ TEST(MutexTest, IsReentrantForItsOwnerAlone) {
         EXPECT_TRUE(ReleaseMutex(mutex));
         EXPECT_EQ(WaitElsewhere(mutex, 1000), WAIT_OBJECT_0);
         EXPECT_FALSE(ReleaseMutex(mutex));
-        EXPECT_EQ(GetLastError(), ERROR_NOT_OWNER);
         EXPECT_TRUE(CloseHandle(mutex));
-        EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_FAILED);
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
     }
 }
 
 TEST(MutexTest, ANameIsOneMutexWhileAnybodyHasAHandle) {
     const std::string name = UniqueName("name");
-    EXPECT_EQ(Open(name), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     const HANDLE first = Create(name, true);
     EXPECT_EQ(GetLastError(), NO_ERROR);
     const HANDLE second = Create("Local\\" + name, true);
@@ -124,49 +106,19 @@ TEST(MutexTest, ANameIsOneMutexWhileAnybodyHasAHandle) {
     EXPECT_EQ(WaitElsewhere(second, 0), WAIT_TIMEOUT) << "the creator asked to own it";
     EXPECT_TRUE(ReleaseMutex(second)) << "one owner, whichever handle";
     EXPECT_EQ(WaitElsewhere(first, 0), WAIT_OBJECT_0) << "a second creator does not own it";
-
-    std::string other = name;
-    other[0] = 'V';
-    const HANDLE different = Create(other);
-    EXPECT_EQ(GetLastError(), NO_ERROR) << "names are told apart by case";
-    for (const HANDLE handle : {first, different, second}) {
-        EXPECT_TRUE(CloseHandle(handle));
-    }
+    CloseHandle(first);
+    CloseHandle(second);
     EXPECT_EQ(Open(name), nullptr) << "it went with its last handle";
-    EXPECT_EQ(Create("no\\folders"), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
-    const HANDLE lengthy = Create(UniqueName(std::string(230, 'x').c_str()));
-    EXPECT_NE(lengthy, nullptr);
-    CloseHandle(lengthy);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
 }
 
-TEST(MutexTest, ProcessesExcludeEachOther) {
-    const std::string name = UniqueName("exclusion");
-    const std::string go = UniqueName("go");
-    const HANDLE mutex = Create(name);
-    const HANDLE start = Create(go, true);
-    ChildProcess child;
-    Start(child, {"--hold", name, go});
-    ASSERT_EQ(child.ReadLine(), "holding");
-    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_TIMEOUT);
-    EXPECT_EQ(WaitForSingleObject(mutex, 1), WAIT_TIMEOUT);
-    EXPECT_FALSE(ReleaseMutex(mutex));
-    ReleaseMutex(start);
-    EXPECT_EQ(WaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
-    ReleaseMutex(mutex);
-    EXPECT_EQ(child.WaitForExit(), 0U);
-    CloseHandle(mutex);
-    CloseHandle(start);
-}
-
-TEST(MutexTest, AKilledOwnerLeavesItToTheNext) {
+TEST(MutexTest, AProcessKeepsOthersOutAndItsDeathLeavesItToTheNext) {
     const std::string name = UniqueName("abandoned");
-    const std::string go = UniqueName("never");
     const HANDLE mutex = Create(name);
-    const HANDLE never = Create(go, true);
     ChildProcess child;
-    Start(child, {"--hold", name, go});
+    ASSERT_TRUE(child.Start(Support::OwnProgramPath(), {"--hold", name}, ChildProcess::Output::Pipe));
     ASSERT_EQ(child.ReadLine(), "holding");
+    EXPECT_EQ(WaitForSingleObject(mutex, 1), WAIT_TIMEOUT);
     std::thread waiting([mutex] { // one waits already, one comes later
         EXPECT_EQ(WaitForSingleObject(mutex, INFINITE), WAIT_ABANDONED);
         EXPECT_EQ(WaitElsewhere(mutex, 0), WAIT_TIMEOUT) << "the caller owns it";
@@ -177,15 +129,12 @@ TEST(MutexTest, AKilledOwnerLeavesItToTheNext) {
     child.WaitForExit();
     EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0) << "told once";
     ReleaseMutex(mutex);
-    ReleaseMutex(never);
     CloseHandle(mutex);
-    CloseHandle(never);
 }
 
 TEST(MutexTest, AnEndedThreadLeavesItToTheNext) {
     for (const bool isNamed : {true, false}) {
-        const std::string name = UniqueName("thread");
-        const HANDLE mutex = isNamed ? Create(name) : CreateMutexW(nullptr, FALSE, nullptr);
+        const HANDLE mutex = isNamed ? Create(UniqueName("thread")) : CreateMutexW(nullptr, FALSE, nullptr);
         std::thread([mutex] {
             WaitForSingleObject(mutex, INFINITE);
             WaitForSingleObject(mutex, INFINITE);
@@ -194,15 +143,7 @@ TEST(MutexTest, AnEndedThreadLeavesItToTheNext) {
         EXPECT_TRUE(ReleaseMutex(mutex)) << "taken over once, however often the other held it";
         EXPECT_FALSE(ReleaseMutex(mutex));
         EXPECT_EQ(WaitElsewhere(mutex, 0), WAIT_OBJECT_0);
-        std::thread([mutex] {
-            WaitForSingleObject(mutex, INFINITE);
-            CloseHandle(mutex);
-        }).join();
-        const HANDLE again = Create(name);
-        EXPECT_EQ(GetLastError(), NO_ERROR) << "closed under its owner, gone with it";
-        EXPECT_EQ(WaitForSingleObject(again, 0), WAIT_OBJECT_0);
-        ReleaseMutex(again);
-        CloseHandle(again);
+        CloseHandle(mutex);
     }
 }
 
@@ -211,22 +152,16 @@ TEST(MutexTest, NothingIsLostWhileProcessesMakeAndForgetIt) {
     constexpr int kRounds = 300;
     const std::string name = UniqueName("count");
     const auto path = std::filesystem::temp_directory_path() / ("veyra-count-" + std::to_string(GetCurrentProcessId()));
-    std::FILE* file = std::fopen(path.string().c_str(), "w");
-    std::fputs("0", file);
-    std::fclose(file);
-    {
-        ChildProcess children[kProcesses];
-        for (ChildProcess& child : children) {
-            Start(child, {"--count", name, path.string(), std::to_string(kRounds)});
-        }
-        for (ChildProcess& child : children) {
-            EXPECT_EQ(child.WaitForExit(), 0U);
-        }
+    std::ofstream(path) << 0;
+    ChildProcess children[kProcesses];
+    for (ChildProcess& child : children) {
+        ASSERT_TRUE(child.Start(Support::OwnProgramPath(), {"--count", name, path.string(), std::to_string(kRounds)}));
     }
-    file = std::fopen(path.string().c_str(), "r");
+    for (ChildProcess& child : children) {
+        EXPECT_EQ(child.WaitForExit(), 0U);
+    }
     int total = 0;
-    EXPECT_EQ(std::fscanf(file, "%d", &total), 1);
-    std::fclose(file);
+    std::ifstream(path) >> total;
     std::filesystem::remove(path);
     EXPECT_EQ(total, kProcesses * kRounds);
     EXPECT_EQ(Open(name), nullptr) << "nothing of it is left";
@@ -237,8 +172,8 @@ TEST(MutexTest, NothingIsLostWhileProcessesMakeAndForgetIt) {
 
 int main(int argc, char** argv) {
     using namespace Vantor::Sentrix;
-    if (argc == 4 && std::strcmp(argv[1], "--hold") == 0) {
-        return Hold(argv[2], argv[3]);
+    if (argc == 3 && std::strcmp(argv[1], "--hold") == 0) {
+        return Hold(argv[2]);
     }
     if (argc == 5 && std::strcmp(argv[1], "--count") == 0) {
         return Count(argv[2], argv[3], std::stoi(argv[4]));

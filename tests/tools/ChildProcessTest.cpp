@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <string>
@@ -20,27 +19,11 @@ using Arguments = std::vector<std::string>;
 
 // ---- The child -----------------------------------------------------------------------------------------------------
 
-std::string Hex(const std::string& text) {
-    std::string hex;
-    for (const unsigned char c : text) {
-        char digits[4];
-        std::snprintf(digits, sizeof digits, "%02x", c);
-        hex += digits;
-    }
-    return hex;
-}
-
-void SayAndHang(const char* text) {
-    std::puts(text);
-    std::fflush(stdout);
-    Sleep(INFINITE);
-}
-
 int PrintArguments(const Arguments& arguments) {
     for (const std::string& argument : arguments) {
-        std::puts(Hex(argument).c_str());
+        std::puts(argument.c_str());
     }
-    return 0;
+    return 3;
 }
 
 int PrintLines(const Arguments&) {
@@ -48,28 +31,21 @@ int PrintLines(const Arguments&) {
     return 0;
 }
 
-int Exit(const Arguments& arguments) {
-    return std::atoi(arguments.at(0).c_str());
-}
-
-int HoldMemory(const Arguments& arguments) {
+// The size of a block of memory, the name of a mutex.
+int Hold(const Arguments& arguments) {
     const std::vector<char> memory(std::stoul(arguments.at(0)), '\1');
-    SayAndHang("holding");
+    if (arguments.size() > 1) {
+        WaitForSingleObject(OpenMutexW(MUTEX_ALL_ACCESS, FALSE, WideFromUtf8(arguments[1]).c_str()), INFINITE);
+    }
+    std::puts("holding");
+    std::fflush(stdout);
+    Sleep(INFINITE);
     return memory.back();
 }
 
-int HoldMutex(const Arguments& arguments) {
-    CreateMutexW(nullptr, TRUE, WideFromUtf8(arguments.at(0)).c_str());
-    SayAndHang("holding");
-    return 0;
-}
-
 int RunRole(const std::string& role, const Arguments& arguments) {
-    static const std::map<std::string, int (*)(const Arguments&)> kRoles = {{"arguments", PrintArguments},
-                                                                            {"lines", PrintLines},
-                                                                            {"exit", Exit},
-                                                                            {"memory", HoldMemory},
-                                                                            {"mutex", HoldMutex}};
+    static const std::map<std::string, int (*)(const Arguments&)> kRoles = {
+        {"arguments", PrintArguments}, {"lines", PrintLines}, {"hold", Hold}};
     return kRoles.at(role)(arguments);
 }
 
@@ -80,12 +56,12 @@ void Start(ChildProcess& child, Arguments arguments) {
     ASSERT_TRUE(child.Start(OwnProgramPath(), arguments, ChildProcess::Output::Pipe)) << GetLastError();
 }
 
-std::vector<std::string> ReadAll(ChildProcess& child) {
-    std::vector<std::string> lines;
+std::string ReadAll(ChildProcess& child) {
+    std::string text;
     while (auto line = child.ReadLine()) {
-        lines.push_back(*line);
+        text += *line + '\n';
     }
-    return lines;
+    return text;
 }
 
 TEST(ChildProcess, ArgumentsArriveUnchanged) {
@@ -93,81 +69,59 @@ TEST(ChildProcess, ArgumentsArriveUnchanged) {
                              "\"",       "\\",          "\\\"",         "a\\\\b",      "a\\\\\"b c\\",
                              "ends \\",  "\\\\ \\\\\"", "'single'",     "\"a\" \"b\"", "$HOME `x` %PATH% *?|&<>^;",
                              "--opt=\"", "caf\u00e9",   "\U0001d11e x", "\u4e2d\u6587"};
-    ChildProcess child;
-    Arguments arguments = nasty;
-    arguments.insert(arguments.begin(), "arguments");
-    Start(child, arguments);
-    std::vector<std::string> expected;
+    Arguments arguments = {"arguments"};
+    std::string expected;
     for (const std::string& argument : nasty) {
-        expected.push_back(Hex(argument));
+        arguments.push_back(argument);
+        expected += argument + '\n';
     }
+    ChildProcess child;
+    Start(child, arguments);
     EXPECT_EQ(ReadAll(child), expected);
-    EXPECT_EQ(child.WaitForExit(), 0U);
+    EXPECT_EQ(child.WaitForExit(), 3U);
+    EXPECT_EQ(child.WaitForExit(0), 3U) << "asked again";
+    EXPECT_FALSE(child.Start(OwnProgramPath(), {})) << "one child at most";
 }
 
 TEST(ChildProcess, TextsThatAreNoCharactersAreReplaced) {
     for (const char* bad : {"\xff", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82"}) {
         const std::string replaced = Utf8FromWide(WideFromUtf8(std::string("<") + bad + ">"));
-        EXPECT_EQ(replaced.substr(0, 4), "<\ufffd") << Hex(bad);
-        EXPECT_EQ(replaced.back(), '>') << Hex(bad);
+        EXPECT_EQ(replaced.substr(0, 4), "<\ufffd");
+        EXPECT_EQ(replaced.back(), '>');
     }
 }
 
-TEST(ChildProcess, LinesComeInOrderAndTheLastNeedsNoEnd) {
-    ChildProcess child;
-    Start(child, {"lines"});
-    const std::vector<std::string> expected = {"first", "windows", "", std::string(10000, 'x'), "unfinished"};
-    EXPECT_EQ(ReadAll(child), expected);
-    EXPECT_TRUE(child.AtEnd());
-}
-
-TEST(ChildProcess, TellsTheExitCode) {
-    for (const DWORD code : {0U, 3U, 255U}) {
-        ChildProcess child;
-        Start(child, {"exit", std::to_string(code)});
-        EXPECT_EQ(child.WaitForExit(), code);
-        EXPECT_EQ(child.WaitForExit(0), code) << "asked again";
-    }
-}
-
-TEST(ChildProcess, KillEndsAHangingChild) {
-    ChildProcess child;
-    Start(child, {"memory", "1"});
-    EXPECT_EQ(child.ReadLine(), "holding");
-    EXPECT_EQ(child.ReadLine(0), std::nullopt);
-    EXPECT_FALSE(child.AtEnd()) << "silent, but alive";
-    EXPECT_EQ(child.WaitForExit(0), std::nullopt);
-    child.Kill();
-    EXPECT_EQ(child.WaitForExit(), ChildProcess::kKilledExitCode);
-    EXPECT_EQ(child.ReadLine(), std::nullopt);
-    EXPECT_TRUE(child.AtEnd());
-}
-
-TEST(ChildProcess, DestructorLeavesNoChildBehind) {
+TEST(ChildProcess, AHangingChildIsEndedByKillAndByTheDestructor) {
     const std::string name = "veyra-child-process-test-" + std::to_string(GetCurrentProcessId());
-    HANDLE mutex = nullptr;
+    const HANDLE mutex = CreateMutexW(nullptr, FALSE, WideFromUtf8(name).c_str());
     {
-        ChildProcess child;
-        Start(child, {"mutex", name});
-        ASSERT_EQ(child.ReadLine(), "holding");
-        mutex = OpenMutexW(MUTEX_ALL_ACCESS, FALSE, WideFromUtf8(name).c_str());
-        ASSERT_NE(mutex, nullptr);
-        ASSERT_EQ(WaitForSingleObject(mutex, 0), WAIT_TIMEOUT);
+        ChildProcess killed;
+        ChildProcess forgotten;
+        Start(killed, {"hold", "1"});
+        Start(forgotten, {"hold", "1", name});
+        ASSERT_EQ(forgotten.ReadLine(), "holding");
+        ASSERT_EQ(killed.ReadLine(), "holding");
+        EXPECT_EQ(killed.ReadLine(0), std::nullopt);
+        EXPECT_FALSE(killed.AtEnd()) << "silent, but alive";
+        killed.Kill();
+        EXPECT_EQ(killed.WaitForExit(), ChildProcess::kKilledExitCode);
+        EXPECT_EQ(killed.ReadLine(), std::nullopt);
+        EXPECT_TRUE(killed.AtEnd());
     }
     EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_ABANDONED);
     ReleaseMutex(mutex);
     CloseHandle(mutex);
 }
 
-TEST(ChildProcess, OutputEndsWithItsProcessWhateverElseWasStarted) {
+TEST(ChildProcess, LinesEndWithTheirProcessWhateverElseWasStarted) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 6; ++i) {
         threads.emplace_back([] {
             ChildProcess brief;
             ChildProcess hanging; // would keep the other's output open, had it inherited that
-            Start(brief, {"exit", "0"});
-            Start(hanging, {"memory", "1"});
-            EXPECT_EQ(ReadAll(brief), std::vector<std::string>());
+            Start(brief, {"lines"});
+            Start(hanging, {"hold", "1"});
+            EXPECT_EQ(ReadAll(brief), "first\nwindows\n\n" + std::string(10000, 'x') + "\nunfinished\n");
             EXPECT_EQ(hanging.WaitForExit(0), std::nullopt);
         });
     }
@@ -180,23 +134,12 @@ TEST(ChildProcess, MemoryFollowsWhatTheChildHolds) {
     constexpr std::size_t kHeld = 64U << 20;
     ChildProcess idle;
     ChildProcess holding;
-    Start(idle, {"memory", "1"});
-    Start(holding, {"memory", std::to_string(kHeld)});
+    Start(idle, {"hold", "1"});
+    Start(holding, {"hold", std::to_string(kHeld)});
     ASSERT_EQ(idle.ReadLine(), "holding");
     ASSERT_EQ(holding.ReadLine(), "holding");
     EXPECT_GT(idle.MemoryBytes(), 0U);
     EXPECT_GT(holding.MemoryBytes(), idle.MemoryBytes() + kHeld / 2);
-}
-
-TEST(ChildProcess, RefusesWhatCannotBeStarted) {
-    ChildProcess child;
-    EXPECT_FALSE(child.Start(OwnProgramPath() + ".missing", {}));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(child.ProcessId(), 0U);
-    EXPECT_EQ(child.WaitForExit(), std::nullopt);
-    Start(child, {"exit", "0"});
-    EXPECT_FALSE(child.Start(OwnProgramPath(), {})) << "one child at most";
-    EXPECT_EQ(child.WaitForExit(), 0U);
 }
 
 } // namespace

@@ -25,8 +25,8 @@ struct Outcome {
 
 class Veyra {
 public:
-    explicit Veyra(const Arguments& arguments, ChildProcess::Output output = ChildProcess::Output::PipeAll) {
-        EXPECT_TRUE(m_process.Start(VEYRA_PROGRAM, arguments, output)) << GetLastError();
+    explicit Veyra(const Arguments& arguments) {
+        EXPECT_TRUE(m_process.Start(VEYRA_PROGRAM, arguments, ChildProcess::Output::PipeAll)) << GetLastError();
     }
 
     // The next line must be this one.
@@ -51,12 +51,8 @@ private:
     ChildProcess m_process;
 };
 
-Outcome RunVeyra(const Arguments& arguments) {
-    return Veyra(arguments).Finish();
-}
-
 void ExpectOutcome(const Arguments& arguments, DWORD exitCode, const std::string& text) {
-    const Outcome outcome = RunVeyra(arguments);
+    const Outcome outcome = Veyra(arguments).Finish();
     EXPECT_EQ(outcome.exitCode, exitCode) << arguments.front();
     EXPECT_EQ(outcome.text, text) << arguments.front();
 }
@@ -93,39 +89,28 @@ TEST_F(VeyraProgram, WrongUsageIsTwo) {
     const Arguments wrong[] = {{},
                                {"fly"},
                                {"serve", "now"},
-                               {"send", "--msg", "1"},
                                {"send", "--to", "1"},
-                               {"send", "--to", "five", "--msg", "1"},
                                {"send", "--to", "0x1g", "--msg", "1"},
                                {"send", "--to", "0x100000000", "--msg", "1"},
-                               {"send", "--to", "-1", "--msg", "1"},
-                               {"send", "--to", "1", "--msg", "0"},
                                {"send", "--to", "1", "--msg", "1", "--timeout", "soon"},
                                {"post", "--to", "1", "--msg", "1", "--body-file", "/no/such/file"},
                                {"post", "--to", "1", "--msg", "1", "--body-file", file, "body"},
-                               {"publish", "--msg", "1", "x"},
                                {"listen", "--id", "1", "--msg", "9-8"},
                                {"listen", "--id", "1", "--subscribe", "1:2:3"},
-                               {"listen", "--id", "1", "--out", file},
-                               {"status"},
-                               {"bench", "--only", "everything"}};
+                               {"listen", "--id", "1", "--out", file}};
     for (const Arguments& arguments : wrong) {
-        const Outcome outcome = RunVeyra(arguments);
+        const Outcome outcome = Veyra(arguments).Finish();
         EXPECT_EQ(outcome.exitCode, 2U) << testing::PrintToString(arguments);
         EXPECT_FALSE(outcome.text.empty()) << testing::PrintToString(arguments);
     }
-    EXPECT_EQ(RunVeyra({"listen", "--help"}).exitCode, 0U);
+    EXPECT_EQ(Veyra({"listen", "--help"}).Finish().exitCode, 0U);
 }
 
-TEST_F(VeyraProgram, WithoutAHostItSaysSo) {
-    const std::string words = "veyra: nobody serves the bus; start `veyra serve`\n";
-    ExpectOutcome({"send", "--to", "1", "--msg", "1"}, 1, words);
-    ExpectOutcome({"post", "--to", "1", "--msg", "1", "x"}, 1, words);
-    ExpectOutcome({"publish", "--from", "1", "--msg", "1", "x"}, 1, words);
-    ExpectOutcome({"status", "1"}, 1, words);
-}
-
-TEST_F(VeyraProgram, OnlyOneServes) {
+TEST_F(VeyraProgram, OneServesAndWithoutItNothingIsSent) {
+    for (const char* word : {"send", "post", "publish"}) {
+        ExpectOutcome({word, word == std::string("publish") ? "--from" : "--to", "1", "--msg", "1", "x"}, 1,
+                      "veyra: nobody serves the bus; start `veyra serve`\n");
+    }
     Serve();
     ExpectOutcome({"serve"}, 1, "veyra: \\\\.\\Pipe\\iVeyraService is served already\n");
     m_host->Kill();
@@ -158,22 +143,18 @@ TEST_F(VeyraProgram, JsonTellsEverything) {
     Serve();
     Veyra listener({"listen", "--id", "9", "--json", "--subscribe", "8", "--subscribe", "7:5"});
     listener.Says("veyra: listening as 0x9");
-    EXPECT_EQ(
-        RunVeyra({"post", "--to", "9", "--from", "3", "--msg", "1", "--reply-msg", "2", "q\"\\\n\x01\u00e9"}).exitCode,
-        0U);
+    ExpectOutcome({"post", "--to", "9", "--from", "3", "--msg", "1", "--reply-msg", "2", "q\"\\\n\x01\u00e9"}, 0, "");
     const std::string text = listener.NextLine();
     const std::string head = R"({"kind":"message","from":3,"to":9,"msg":1,"replyMsg":2,"uniq":)";
     EXPECT_EQ(text.substr(0, head.size()), head);
     EXPECT_NE(text.find(",\"size\":7,\"body\":\"q\\\"\\\\\\n\\u0001\u00e9\"}"), std::string::npos) << text;
 
-    EXPECT_EQ(
-        RunVeyra({"post", "--to", "9", "--msg", "1", "--body-file", File("body", {"\0\xff\x10\x80", 4})}).exitCode, 0U);
-    const std::string binary = listener.NextLine();
-    EXPECT_NE(binary.find(R"("size":4,"bodyBase64":"AP8QgA=="})"), std::string::npos) << binary;
+    ExpectOutcome({"post", "--to", "9", "--msg", "1", "--body-file", File("body", {"\0\xff\x10\x80", 4})}, 0, "");
+    EXPECT_NE(listener.NextLine().find(R"("size":4,"bodyBase64":"AP8QgA=="})"), std::string::npos);
 
     // The subscription to 7 lets one message through; that to 8 all, and its coming and going.
-    EXPECT_EQ(RunVeyra({"publish", "--from", "7", "--msg", "4", "missed"}).exitCode, 0U);
-    EXPECT_EQ(RunVeyra({"publish", "--from", "7", "--msg", "5", "caught"}).exitCode, 0U);
+    ExpectOutcome({"publish", "--from", "7", "--msg", "4", "missed"}, 0, "");
+    ExpectOutcome({"publish", "--from", "7", "--msg", "5", "caught"}, 0, "");
     EXPECT_NE(listener.NextLine().find(R"("body":"caught"})"), std::string::npos);
     Veyra other({"listen", "--id", "8"});
     listener.Says(R"({"kind":"presence","module":8,"online":true})");
@@ -189,8 +170,7 @@ TEST_F(VeyraProgram, BodiesAreStoredUnchanged) {
     }
     Veyra listener({"listen", "--id", "9", "--count", "1", "--out", m_folder.string()});
     listener.Says("veyra: listening as 0x9");
-    EXPECT_EQ(RunVeyra({"post", "--to", "9", "--msg", "1", "--encrypt", "--body-file", File("body", bytes)}).exitCode,
-              0U);
+    ExpectOutcome({"post", "--to", "9", "--msg", "1", "--encrypt", "--body-file", File("body", bytes)}, 0, "");
     EXPECT_EQ(listener.Finish().exitCode, 0U);
     std::ifstream stored(m_folder / "000001", std::ios::binary);
     EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(stored), {}) == bytes);
@@ -198,8 +178,3 @@ TEST_F(VeyraProgram, BodiesAreStoredUnchanged) {
 
 } // namespace
 } // namespace Vantor::Sentrix::Support
-
-int main(int argc, char** argv) {
-    testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}
