@@ -1,21 +1,11 @@
 // What must not hurt: hosts that are killed, that send rubbish, engines that are stopped and processes that exit with
 // all of it under way.
 #include "tests/support/BusProgram.h"
-#include "tests/support/RawPeer.h"
 #include "veyrasvc/bus/NamedPipeIOCP.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <cstdlib>
 #include <map>
-#include <memory>
 #include <mutex>
-#include <optional>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 namespace Vantor::Sentrix {
 namespace {
@@ -84,9 +74,9 @@ private:
 TEST(FaultsTest, AHostIsKilledUnderLoadAndEveryoneComesBack) {
     auto host = std::make_unique<Role>("host");
     const Role echo("echo", kEchoModule);
+    Tally held;
     IPCMessageClient client(kMe, false, false);
     const IPCMessageClient poster(kOther, false, false);
-    Tally held;
     client.RegisterMessageCallback(kHeld, [&](TagIPCMessageItem&) { held.Add(); });
     ASSERT_TRUE(AskUntilAnswered(client, kEchoModule));
 
@@ -141,8 +131,7 @@ TEST(FaultsTest, AHostIsKilledUnderLoadAndEveryoneComesBack) {
 
 TEST(FaultsTest, AClientSurvivesRubbishFromItsHost) {
     IPCMessageClient client(kMe, false, false);
-    const std::string words = BigEndian(0xFFFFFFFF) + BigEndian(0) + BigEndian(0);
-    const std::string endless = words + BigEndian(RawCrc(words)) + Pattern(10'000);
+    const std::string endless = RawHeader(0xFFFFFFFF, 0) + Pattern(10'000);
     const RawPacket unexpected[] = {{.to = kMe, .msgId = kPing, .encrypted = 1, .body = "no ciphertext"},
                                     {.to = kMe, .msgType = 0x10004},
                                     {.to = 1, .msgId = kOffline, .body = "x"}};
@@ -222,6 +211,8 @@ int StopInTraffic(int variant) {
     return isRight && !marked && SeesNotice(witness, kOffline, kMe) ? 0 : 1;
 }
 
+const RoleDefinition stopRole("stop", &StopInTraffic);
+
 TEST(FaultsTest, AnEngineStopsInTheMiddleOfTraffic) {
     const Role host("host");
     const Role echo("echo", kEchoModule);
@@ -286,6 +277,8 @@ int ExitInTraffic(int variant) {
     }
 }
 
+const RoleDefinition exitRole("exit", &ExitInTraffic);
+
 TEST(FaultsTest, AProcessExitsWithEverythingUnderWay) {
     for (int variant = 0; variant < kVariants; ++variant) {
         for (int i = 0; i < 3; ++i) {
@@ -296,8 +289,3 @@ TEST(FaultsTest, AProcessExitsWithEverythingUnderWay) {
 
 } // namespace
 } // namespace Vantor::Sentrix
-
-int main(int argc, char** argv) {
-    using namespace Vantor::Sentrix;
-    return RunBusProgram(argc, argv, {{"stop", &StopInTraffic}, {"exit", &ExitInTraffic}});
-}

@@ -13,7 +13,6 @@ namespace Vantor::Sentrix {
 inline constexpr std::chrono::seconds kAwaitLimit{60};
 
 // A number that threads change and wait for.
-// Threads: any.
 class Tally {
 public:
     void Add(int count = 1) {
@@ -41,7 +40,6 @@ private:
 };
 
 // What callbacks hand to the test, in the order in which they came.
-// Threads: any.
 template <class T> class Mailbox {
 public:
     void Put(T value) {

@@ -2,10 +2,9 @@
 
 #include "veyrasvc/platform/Win32.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 
 namespace Vantor::Sentrix {
 
@@ -48,25 +47,30 @@ int EchoModule(int moduleId) {
     return SleepUntilKilled();
 }
 
-} // namespace
+std::map<std::string, RoleFunction>& Roles() {
+    static std::map<std::string, RoleFunction> roles = {{"host", &Host}, {"echo", &EchoModule}};
+    return roles;
+}
 
-// ---- Programs and roles --------------------------------------------------------------------------------------------
+int RunProgram(int argc, char** argv) {
+    SetEnvironmentVariableW(L"VEYRA_LOG_LEVEL", L"OFF"); // lines are looked at through LogCapture
+    if (argc == 3 && argv[1][0] != '-') {
+        return Roles().at(argv[1])(std::atoi(argv[2]));
+    }
+    UsePrivateBus();
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
+
+} // namespace
 
 void UsePrivateBus() {
     const std::wstring name = L"test-" + std::to_wstring(GetCurrentProcessId());
     SetEnvironmentVariableW(L"VEYRASVC_PIPE_NAMESPACE", name.c_str());
 }
 
-int RunBusProgram(int argc, char** argv, const std::map<std::string, RoleFunction>& ownRoles) {
-    SetEnvironmentVariableW(L"VEYRA_LOG_LEVEL", L"OFF"); // lines are looked at through LogCapture
-    if (argc == 3 && argv[1][0] != '-') {
-        std::map<std::string, RoleFunction> roles = {{"host", &Host}, {"echo", &EchoModule}};
-        roles.insert(ownRoles.begin(), ownRoles.end());
-        return roles.at(argv[1])(std::atoi(argv[2]));
-    }
-    UsePrivateBus();
-    testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+RoleDefinition::RoleDefinition(const char* name, RoleFunction function) {
+    Roles()[name] = function;
 }
 
 void SayReady() {
@@ -90,8 +94,6 @@ int Role::AwaitExit() {
     EXPECT_TRUE(code.has_value()) << "the process hangs";
     return code ? static_cast<int>(*code) : -1;
 }
-
-// ---- Verbs ---------------------------------------------------------------------------------------------------------
 
 TagIPCMessageItem Item(int to, int msgId, std::string_view body, int replyMsgId, int uniqMsgId) {
     TagIPCMessageItem item;
@@ -128,7 +130,7 @@ std::optional<std::string> Ask(const IPCMessageClient& client, int to, std::stri
 
 bool AskUntilAnswered(const IPCMessageClient& client, int to) {
     const auto end = std::chrono::steady_clock::now() + kAwaitLimit;
-    for (int tries = 0; !Ask(client, to, "?", tries, kEcho, false, kSoonMs); ++tries) {
+    for (int id = -1; !Ask(client, to, "?", id, kEcho, false, kSoonMs); --id) {
         if (std::chrono::steady_clock::now() > end) {
             return false;
         }
@@ -137,3 +139,7 @@ bool AskUntilAnswered(const IPCMessageClient& client, int to) {
 }
 
 } // namespace Vantor::Sentrix
+
+int main(int argc, char** argv) {
+    return Vantor::Sentrix::RunProgram(argc, argv);
+}

@@ -2,25 +2,32 @@
 #pragma once
 
 #include "tests/support/Await.h"
+#include "tests/support/RawPeer.h"
 #include "tools/support/ChildProcess.h"
 #include "veyrasvc/bus/IPCMessageExport.h"
 
+#include <gtest/gtest.h>
+
+#include <atomic>
 #include <cstdint>
-#include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace Vantor::Sentrix {
 
-// ---- Programs and roles --------------------------------------------------------------------------------------------
-
 using RoleFunction = int (*)(int argument);
 
-// The `main` of such a program: a role when it is named on the command line, else the tests. Every program knows the
-// roles "host" (serves the bus) and "echo" (the module below; its argument is its id).
-int RunBusProgram(int argc, char** argv, const std::map<std::string, RoleFunction>& ownRoles = {});
+// The programs' common `main` plays the role that is named on the command line, else it runs the tests. Every program
+// knows "host" (serves the bus) and "echo" (the module below; its argument is its id); a static object of this type
+// adds a role.
+struct RoleDefinition {
+    RoleDefinition(const char* name, RoleFunction function);
+};
 
 // From now on this process and its children use a bus that nobody else knows.
 void UsePrivateBus();
@@ -41,8 +48,6 @@ private:
     Support::ChildProcess m_process;
 };
 
-// ---- The echo module -----------------------------------------------------------------------------------------------
-
 // Messages that the echo module understands. It answers with the request's reply id, or its own id without one.
 enum EchoMessage : int {
     kEcho = 1,          // the body comes back
@@ -51,8 +56,6 @@ enum EchoMessage : int {
     kHold = 4,          // no answer, but the sender gets a kHeld
     kHeld = 5,
 };
-
-// ---- Verbs ---------------------------------------------------------------------------------------------------------
 
 inline constexpr unsigned int kNoLimit = 0xFFFFFFFF;
 inline constexpr unsigned int kSoonMs = 200; // for asks that may be lost and are repeated

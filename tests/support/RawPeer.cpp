@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <limits>
-
 namespace Vantor::Sentrix {
 
 namespace {
@@ -14,36 +12,9 @@ constexpr wchar_t kPipe[] = L"\\\\.\\pipe\\iVeyraService";
 constexpr std::size_t kHeaderBytes = 16;
 constexpr auto kLimitMs = static_cast<DWORD>(std::chrono::milliseconds(kAwaitLimit).count());
 
-std::string Text(const std::string& bytes) {
-    return BigEndian(static_cast<std::uint32_t>(bytes.size())) + bytes;
-}
-
-} // namespace
-
-// ---- The wire ------------------------------------------------------------------------------------------------------
-
-std::uint32_t RawCrc(std::string_view bytes) {
-    std::uint32_t crc = 0xFFFFFFFF;
-    for (const char byte : bytes) {
-        crc ^= static_cast<unsigned char>(byte);
-        for (int bit = 0; bit < 8; ++bit) {
-            crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xEDB88320 : 0);
-        }
-    }
-    return ~crc;
-}
-
 std::string BigEndian(std::uint32_t value) {
     const std::string little = LittleEndian(value);
     return {little.rbegin(), little.rend()};
-}
-
-std::string LittleEndian(std::uint32_t value) {
-    std::string bytes;
-    for (int shift = 0; shift < 32; shift += 8) {
-        bytes += static_cast<char>(value >> shift);
-    }
-    return bytes;
 }
 
 std::uint32_t FromBigEndian(std::string_view bytes) {
@@ -54,10 +25,36 @@ std::uint32_t FromBigEndian(std::string_view bytes) {
     return value;
 }
 
+std::uint32_t Crc(std::string_view bytes) {
+    std::uint32_t crc = 0xFFFFFFFF;
+    for (const char byte : bytes) {
+        crc ^= static_cast<unsigned char>(byte);
+        for (int bit = 0; bit < 8; ++bit) {
+            crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xEDB88320 : 0);
+        }
+    }
+    return ~crc;
+}
+
+} // namespace
+
+// ---- The wire ------------------------------------------------------------------------------------------------------
+
+std::string LittleEndian(std::uint32_t value) {
+    std::string bytes;
+    for (int shift = 0; shift < 32; shift += 8) {
+        bytes += static_cast<char>(value >> shift);
+    }
+    return bytes;
+}
+
+std::string RawHeader(std::uint32_t payloadLength, std::uint32_t payloadCrc, std::uint32_t reserved) {
+    const std::string words = BigEndian(payloadLength) + BigEndian(reserved) + BigEndian(payloadCrc);
+    return words + BigEndian(Crc(words));
+}
+
 std::string RawFrame(const std::string& payload, std::uint32_t reserved) {
-    const std::string words =
-        BigEndian(static_cast<std::uint32_t>(payload.size())) + BigEndian(reserved) + BigEndian(RawCrc(payload));
-    return words + BigEndian(RawCrc(words)) + payload;
+    return RawHeader(static_cast<std::uint32_t>(payload.size()), Crc(payload), reserved) + payload;
 }
 
 std::string RawPacket::Payload() const {
@@ -65,7 +62,10 @@ std::string RawPacket::Payload() const {
     for (const std::uint32_t field : {to, from, msgId, msgType, replyMsgId, uniqMsgId, encrypted}) {
         payload += BigEndian(field);
     }
-    return payload + Text(iv) + Text(body);
+    for (const std::string& text : {iv, body}) {
+        payload += BigEndian(static_cast<std::uint32_t>(text.size())) + text;
+    }
+    return payload;
 }
 
 std::string RawPacket::Frame() const {
@@ -90,7 +90,7 @@ RawPacket ParseRawFrame(const std::string& frame) {
 }
 
 std::optional<std::string> CutRawFrame(std::string& held, bool& corrupt) {
-    corrupt = held.size() >= kHeaderBytes && RawCrc({held.data(), 12}) != FromBigEndian({held.data() + 12, 4});
+    corrupt = held.size() >= kHeaderBytes && Crc({held.data(), 12}) != FromBigEndian({held.data() + 12, 4});
     if (corrupt || held.size() < kHeaderBytes || held.size() - kHeaderBytes < FromBigEndian(held)) {
         return std::nullopt;
     }
@@ -101,9 +101,7 @@ std::optional<std::string> CutRawFrame(std::string& held, bool& corrupt) {
 
 // ---- The peer ------------------------------------------------------------------------------------------------------
 
-RawPeer::RawPeer()
-    : m_readEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
-      m_writeEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+RawPeer::RawPeer() : m_event(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
     // Between the wait and the opening somebody else may take the place.
     while (m_pipe == INVALID_HANDLE_VALUE && WaitNamedPipeW(kPipe, kLimitMs) != FALSE) {
         m_pipe =
@@ -114,8 +112,7 @@ RawPeer::RawPeer()
 
 RawPeer::~RawPeer() {
     Close();
-    CloseHandle(m_readEvent);
-    CloseHandle(m_writeEvent);
+    CloseHandle(m_event);
 }
 
 void RawPeer::Close() {
@@ -141,7 +138,7 @@ bool RawPeer::Complete(BOOL started, OVERLAPPED& overlapped, DWORD& bytes) {
 
 bool RawPeer::Send(const std::string& bytes) {
     OVERLAPPED overlapped{};
-    overlapped.hEvent = m_writeEvent;
+    overlapped.hEvent = m_event;
     DWORD written = 0;
     const BOOL started = WriteFile(m_pipe, bytes.data(), static_cast<DWORD>(bytes.size()), nullptr, &overlapped);
     return Complete(started, overlapped, written) && written == bytes.size();
@@ -154,7 +151,7 @@ bool RawPeer::Register(std::uint32_t pid, const std::string& text) {
 bool RawPeer::ReadMore() {
     char buffer[16 * 1024];
     OVERLAPPED overlapped{};
-    overlapped.hEvent = m_readEvent;
+    overlapped.hEvent = m_event;
     DWORD got = 0;
     const BOOL started = ReadFile(m_pipe, buffer, sizeof buffer, nullptr, &overlapped);
     if (!Complete(started, overlapped, got)) {
@@ -168,7 +165,7 @@ std::optional<std::string> RawPeer::NextFrame() {
     for (;;) {
         bool corrupt = false;
         if (auto frame = CutRawFrame(m_held, corrupt)) {
-            EXPECT_EQ(RawCrc(frame->substr(kHeaderBytes)), FromBigEndian(frame->substr(8, 4)));
+            EXPECT_EQ(Crc(frame->substr(kHeaderBytes)), FromBigEndian(frame->substr(8, 4)));
             return frame;
         }
         EXPECT_FALSE(corrupt);

@@ -30,15 +30,13 @@ struct RawPacket {
 
 RawPacket ParseRawFrame(const std::string& frame); // what is missing stays 0
 std::string RawFrame(const std::string& payload, std::uint32_t reserved = 0);
-std::uint32_t RawCrc(std::string_view bytes);
-std::string BigEndian(std::uint32_t value);
+std::string RawHeader(std::uint32_t payloadLength, std::uint32_t payloadCrc, std::uint32_t reserved = 0);
 std::string LittleEndian(std::uint32_t value);
-std::uint32_t FromBigEndian(std::string_view bytes);
 
 // Moves the first frame out of `held`. Nothing: it is not whole yet, or (`corrupt`) the header is no header.
 std::optional<std::string> CutRawFrame(std::string& held, bool& corrupt);
 
-// Threads: one reads, one writes.
+// Threads: one at a time.
 class RawPeer {
 public:
     // Connects, waiting for a free place. A peer that could not is closed.
@@ -49,13 +47,10 @@ public:
 
     bool IsOpen() const { return m_pipe != INVALID_HANDLE_VALUE; }
     void Close();
-
     // False when the other end is gone.
     bool Send(const std::string& bytes);
     bool Send(const RawPacket& packet) { return Send(packet.Frame()); }
-    // `pid` and the ids as text.
     bool Register(std::uint32_t pid, const std::string& text);
-
     // Nothing when the other end is gone.
     std::optional<std::string> NextFrame();
     std::string Read(std::size_t count);
@@ -67,8 +62,7 @@ private:
     bool Complete(BOOL started, OVERLAPPED& overlapped, DWORD& bytes);
 
     HANDLE m_pipe = INVALID_HANDLE_VALUE;
-    HANDLE m_readEvent;
-    HANDLE m_writeEvent;
+    HANDLE m_event;
     std::string m_held;
 };
 
