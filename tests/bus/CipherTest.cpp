@@ -44,7 +44,7 @@ Bytes Chained(Bytes padded, Bytes iv) {
 }
 
 Bytes TakeOver(unsigned char* block, std::size_t length) {
-    const Bytes bytes(block, block + length);
+    Bytes bytes(block, block + length);
     operator delete(block);
     return bytes;
 }

@@ -23,7 +23,7 @@ constexpr std::uint32_t kOnline = 0x10006;
 
 // A host in this process that looks after the echo module's messages itself: it keeps them or answers them. It sends
 // rubbish in place of one answer when it is told to.
-class FakeHost : public IOCPServer {
+class FakeHost final : public IOCPServer {
 public:
     explicit FakeHost(bool answers) : m_answers(answers) { Start(); }
     ~FakeHost() { Stop(); }
