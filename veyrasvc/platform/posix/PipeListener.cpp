@@ -155,7 +155,7 @@ void PipeListener::Deliver(std::deque<Arrival> arrivals, PipeListener& listener)
         if (arrival.instance->Accept(arrival.socket)) {
             continue;
         }
-        // Closed in the meantime. The client is connected already, so the next instance takes it if there is one.
+        // The instance was closed in the meantime: its client finds the pipe broken, as with one closed a moment later.
         const std::lock_guard guard(listener.m_mutex);
         listener.FollowWaiting();
     }
