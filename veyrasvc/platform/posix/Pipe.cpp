@@ -315,6 +315,9 @@ void Pipe::Progress(short revents) {
     }
     m_readable = m_readable || (revents & (POLLIN | POLLHUP | POLLERR)) != 0;
     m_writable = m_writable || (revents & (POLLOUT | POLLHUP | POLLERR)) != 0;
+    if ((revents & (POLLOUT | POLLHUP | POLLERR)) == POLLOUT && ServedByThisThread()) {
+        GatherQueued();
+    }
     FlushWrites();
     FillReads();
 }
@@ -386,20 +389,38 @@ bool Pipe::ReceiveInto(Operation& operation) {
 
 // ---- Writing -------------------------------------------------------------------------------------------------------
 
+bool Pipe::ServedByThisThread() const {
+    return m_servingThread == GetCurrentThreadId();
+}
+
 bool Pipe::Gather(const Operation& operation) {
-    if (m_servingThread != GetCurrentThreadId() || !m_writes.empty() ||
-        m_gathered.size() + operation.count > kGatherBytes) {
+    if (!ServedByThisThread() || !m_writes.empty() || m_gathered.size() + operation.count > kGatherBytes) {
         return false;
     }
+    if (m_gathered.empty() && !TakesAGathering(m_socket.Get())) {
+        m_writable = false; // not piece by piece into what little room there is: the next wait gathers it
+        return false;
+    }
+    Append(operation);
+    return true;
+}
+
+// The socket has room again for what had to wait.
+void Pipe::GatherQueued() {
+    while (!m_writes.empty() && m_writes.front().done == 0 &&
+           m_gathered.size() + m_writes.front().count <= kGatherBytes) {
+        const Operation operation = std::move(m_writes.front());
+        m_writes.pop_front();
+        Append(operation);
+    }
+}
+
+void Pipe::Append(const Operation& operation) {
     if (m_gathered.empty()) {
-        if (!TakesAGathering(m_socket.Get())) {
-            return false;
-        }
         PutOffWrites(shared_from_this());
     }
     m_gathered.append(operation.buffer, operation.count);
     Finish(operation, ERROR_SUCCESS, operation.count);
-    return true;
 }
 
 void Pipe::FlushWrites() {

@@ -83,7 +83,10 @@ private:
     void FlushWrites();
     bool SendSome();
     void TakeSent(std::size_t bytes);
+    bool ServedByThisThread() const;
     bool Gather(const Operation& operation);
+    void GatherQueued();
+    void Append(const Operation& operation);
     void WatchForSpace(bool wanted);
 
     const std::shared_ptr<PipeListener> m_listener; // null at the client's end
