@@ -287,37 +287,31 @@ void IOCPServer::OperationTransferProcess(IOCPContext& context, DWORD bytes, IOC
 
 int IOCPServer::PostRecv(IOCPContext* context, IOCPBuffer* buffer) {
     const AutoLock lock(context);
-    buffer->m_operation = PipeOperation::Read;
-    if (context->m_pipe == INVALID_HANDLE_VALUE || buffer->m_data == nullptr) {
-        return 0;
-    }
-    m_outstanding.fetch_add(1);
-    if (ReadFile(context->m_pipe, buffer->m_data, buffer->m_length, nullptr, &buffer->m_overlapped) != FALSE ||
-        GetLastError() == ERROR_IO_PENDING) {
-        ++context->m_pendingReads;
-        return 1;
-    }
-    m_outstanding.fetch_sub(1);
-    return 0;
+    return Issue(*context, *buffer, PipeOperation::Read) ? 1 : 0;
 }
 
 int IOCPServer::PostSend(IOCPContext* context, IOCPBuffer* buffer) {
     const AutoLock lock(context);
-    if (context->m_pendingWrites > m_maxPendingWrites) {
-        return 0;
+    return context->m_pendingWrites <= m_maxPendingWrites && Issue(*context, *buffer, PipeOperation::Write) ? 1 : 0;
+}
+
+// Starts a read or a write of m_length bytes.
+bool IOCPServer::Issue(IOCPContext& context, IOCPBuffer& buffer, PipeOperation operation) {
+    buffer.m_operation = operation;
+    if (context.m_pipe == INVALID_HANDLE_VALUE || buffer.m_data == nullptr) {
+        return false;
     }
-    buffer->m_operation = PipeOperation::Write;
-    if (context->m_pipe == INVALID_HANDLE_VALUE || buffer->m_data == nullptr) {
-        return 0;
+    m_outstanding.fetch_add(1); // before the call: the worker may see the completion first
+    const bool reads = operation == PipeOperation::Read;
+    const BOOL completed =
+        reads ? ReadFile(context.m_pipe, buffer.m_data, buffer.m_length, nullptr, &buffer.m_overlapped)
+              : WriteFile(context.m_pipe, buffer.m_data, buffer.m_length, nullptr, &buffer.m_overlapped);
+    if (completed == FALSE && GetLastError() != ERROR_IO_PENDING) {
+        m_outstanding.fetch_sub(1);
+        return false;
     }
-    m_outstanding.fetch_add(1);
-    if (WriteFile(context->m_pipe, buffer->m_data, buffer->m_length, nullptr, &buffer->m_overlapped) != FALSE ||
-        GetLastError() == ERROR_IO_PENDING) {
-        ++context->m_pendingWrites;
-        return 1;
-    }
-    m_outstanding.fetch_sub(1);
-    return 0;
+    ++(reads ? context.m_pendingReads : context.m_pendingWrites);
+    return true;
 }
 
 // Writes one piece; one that cannot be written is lost.

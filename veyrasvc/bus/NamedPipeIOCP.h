@@ -110,6 +110,7 @@ private:
     bool ListenOn(IOCPBuffer* buffer, IOCPContext*& context);
     int PostRecv(IOCPContext* context, IOCPBuffer* buffer);
     int PostSend(IOCPContext* context, IOCPBuffer* buffer);
+    bool Issue(IOCPContext& context, IOCPBuffer& buffer, PipeOperation operation);
     bool SendPiece(IOCPContext* context, const char* data, std::size_t length);
     void EmptySendQueue(IOCPContext* context);
 
