@@ -3,18 +3,13 @@
 #include "tests/support/LogCapture.h"
 #include "veyrasvc/bus/BasePacket.h"
 
-#include <functional>
 #include <stdexcept>
 
 namespace Vantor::Sentrix {
 namespace {
 
-constexpr int kEchoModule = 0x50000;
-constexpr int kMe = 0x60000;
-constexpr int kOther = 0x60001;
 constexpr int kNobody = 0x7DEAD;
 constexpr std::uint32_t kPeerPid = 0x7F000001;
-constexpr std::size_t kTenMebibytes = 10 * 1024 * 1024;
 
 struct Received {
     Mailbox<std::string> bodies;
@@ -24,7 +19,11 @@ struct Received {
 // A client that keeps what it receives, longer than itself because callbacks may be running, and that opens what is for
 // classes derived from it.
 struct Client : Received, IPCMessageClient {
-    explicit Client(int id, bool forwardPosts = false) : IPCMessageClient(id, false, forwardPosts) {}
+    explicit Client(int id, bool forwardPosts = false) : IPCMessageClient(id, false, forwardPosts) {
+        RegisterPublishMessageCallback([this](TagIPCMessageItem& item) {
+            publications.Put(std::to_string(item.fromModuleId) + ":" + std::to_string(item.msgId));
+        });
+    }
     using IPCMessageClient::Bregister;
     using IPCMessageClient::OnRecvIPCMessage;
     using IPCMessageClient::OnRecvPublishIPCMessage;
@@ -32,45 +31,30 @@ struct Client : Received, IPCMessageClient {
     void Collect(int msgId) {
         RegisterMessageCallback(msgId, [this](TagIPCMessageItem& item) { bodies.Put(BodyOf(item)); });
     }
-    void CollectPublications() {
-        RegisterPublishMessageCallback([this](TagIPCMessageItem& item) {
-            publications.Put(std::to_string(item.fromModuleId) + ":" + std::to_string(item.msgId));
-        });
-    }
 };
 
 class ClientTest : public testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        s_host = new Role("host");
-        s_echo = new Role("echo", kEchoModule);
-        EXPECT_TRUE(AskUntilAnswered(Client(kMe), kEchoModule));
-    }
-    static void TearDownTestSuite() {
-        delete s_echo;
-        delete s_host;
-    }
+    static void SetUpTestSuite() { s_bus = new Bus; }
+    static void TearDownTestSuite() { delete s_bus; }
     // When it returns everything this process sent before has been routed.
     static void Flush(const Client& client) { EXPECT_TRUE(Ask(client, kEchoModule)); }
 
-    static Role* s_host;
-    static Role* s_echo;
+    static Bus* s_bus;
 };
-Role* ClientTest::s_host = nullptr;
-Role* ClientTest::s_echo = nullptr;
+Bus* ClientTest::s_bus = nullptr;
 
 // A peer that serves one module more besides `alsoServes`, and sees what that one is sent.
-class Twin {
-public:
+struct Twin : RawPeer {
     explicit Twin(int alsoServes) {
-        m_peer.Register(kPeerPid, std::to_string(kMark) + " " + std::to_string(alsoServes) + " ");
+        Register(kPeerPid, std::to_string(kMark) + " " + std::to_string(alsoServes) + " ");
         Seen();
     }
     // The bodies that came until all that was routed before had come, without notices.
     std::vector<std::string> Seen() {
-        m_peer.Send(RawPacket{.to = kMark});
+        Send(RawPacket{.to = kMark});
         std::vector<std::string> bodies;
-        while (const auto frame = m_peer.NextFrame()) {
+        while (const auto frame = NextFrame()) {
             const RawPacket packet = ParseRawFrame(*frame);
             if (packet.to == kMark) {
                 break;
@@ -81,10 +65,7 @@ public:
         }
         return bodies;
     }
-
-private:
     static constexpr std::uint32_t kMark = 0xABCDE;
-    RawPeer m_peer;
 };
 
 BasePacket Packet(std::uint32_t from, std::uint32_t msgId, std::uint32_t type = 0x10004, std::string body = {}) {
@@ -96,13 +77,10 @@ BasePacket Packet(std::uint32_t from, std::uint32_t msgId, std::uint32_t type = 
     return packet;
 }
 
-std::shared_ptr<BasePacket> Shared(BasePacket packet) {
-    return std::make_shared<BasePacket>(std::move(packet));
-}
-
 TEST_F(ClientTest, AnswersComeByAllThreeForms) {
     const Client client(kMe);
-    for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{5000}, kTenMebibytes}) {
+    const auto ids = [](const auto& answer) { return std::tuple(answer.fromModuleId, answer.msgId, answer.uniqMsgId); };
+    for (const std::size_t length : {0, 1, 5000, 10 * 1024 * 1024}) {
         for (const int msgId : {kEcho, kEchoEncrypted}) {
             const std::string body = Pattern(length);
             TagIPCMessageItem request = Item(kEchoModule, msgId, body, -1, 7);
@@ -112,16 +90,14 @@ TEST_F(ClientTest, AnswersComeByAllThreeForms) {
             ASSERT_TRUE(client.SendIPCMessage(request, answer, kNoLimit)) << length;
             EXPECT_TRUE(BodyOf(answer) == body && (answer.data == nullptr) == (length == 0)) << length;
             ::operator delete(answer.data);
-            EXPECT_EQ(std::tie(answer.fromModuleId, answer.toModuleId, answer.msgId, answer.uniqMsgId),
-                      std::make_tuple(kEchoModule, kMe, msgId, 7));
+            EXPECT_EQ(ids(answer), std::tuple(kEchoModule, msgId, 7));
 
             request.replyMsgId = 99;
             TagIPCMessageItemRecv record;
             record.data = "old";
             ASSERT_TRUE(client.SendIPCMessage(request, 99, record, kNoLimit));
             EXPECT_TRUE(record.data == (length == 0 ? "old" : body)) << length;
-            EXPECT_EQ(std::tie(record.fromModuleId, record.msgId, record.uniqMsgId),
-                      std::make_tuple(kEchoModule, 99, 7));
+            EXPECT_EQ(ids(record), std::tuple(kEchoModule, 99, 7));
 
             bool same = false;
             const auto onReply = [&](TagIPCMessageItem& item) { same = BodyOf(item) == body; };
@@ -129,24 +105,12 @@ TEST_F(ClientTest, AnswersComeByAllThreeForms) {
             EXPECT_TRUE(same) << length;
         }
     }
-    TagIPCMessageItem request = Item(kEchoModule, kEcho);
-    EXPECT_THROW(client.SendIPCMessage(request, kEcho, kNoLimit, nullptr), std::bad_function_call);
 }
 
 TEST_F(ClientTest, WaitsEndWithoutAnAnswer) {
-    LogCapture log;
     const Client client(kMe);
     EXPECT_FALSE(Ask(client, kNobody)) << "nobody is there, which the server tells at once";
-    TagIPCMessageItem unanswered = Item(kEchoModule, kHold);
-    TagIPCMessageItemRecv answer;
-    EXPECT_FALSE(client.SendIPCMessage(unanswered, -2, answer, 1));
-    EXPECT_EQ(
-        log.Count(log4cplus::WARN_LOG_LEVEL, "sync. fail to recv reply message. sendMessageId=4, wakeupMessageId=-2"),
-        1U);
-    log.Take();
-    EXPECT_EQ(Ask(client, kEchoModule, "mine", 5, kEchoTwice), "mine");
-    EXPECT_GE(log.Count(log4cplus::DEBUG_LOG_LEVEL, "illegal messages."), 1U);
-    EXPECT_EQ(log.Count(log4cplus::DEBUG_LOG_LEVEL, "find not offline msg. msgId=100, uniqId=5"), 1U);
+    EXPECT_FALSE(Ask(client, kEchoModule, "?", 0, kHold, 1));
 }
 
 TEST_F(ClientTest, ManyThreadsGetTheirOwnAnswers) {
@@ -160,9 +124,8 @@ TEST_F(ClientTest, ManyThreadsGetTheirOwnAnswers) {
             for (int i = 0; i < 50; ++i) {
                 const int number = t * 1000 + i;
                 const std::string body = Pattern(kLengths[i % 4], static_cast<std::uint32_t>(number));
-                const bool encrypt = i % 5 == 0;
                 right += Ask(t % 2 == 0 ? client : forwarding, kEchoModule, body, number,
-                             encrypt ? kEchoEncrypted : kEcho, encrypt) == body;
+                             i % 5 == 0 ? kEchoEncrypted : kEcho) == body;
             }
         });
     }
@@ -172,37 +135,28 @@ TEST_F(ClientTest, ManyThreadsGetTheirOwnAnswers) {
     EXPECT_EQ(right, 400);
 }
 
-TEST_F(ClientTest, PostsStayInTheProcessUnlessTheReceiverWantsThemForwarded) {
+TEST_F(ClientTest, MessagesStayInTheProcessUnlessTheyAreForwardedOrForAll) {
+    constexpr int kPost = 20; // the echo module leaves it alone
     Client sender(kMe);
+    sender.Collect(kPost);
     for (const bool forward : {false, true}) {
         Client receiver(kOther, forward);
         Flush(sender);
         Twin twin(kOther);
-        receiver.Collect(1);
+        receiver.Collect(kPost);
         receiver.RegisterMessageCallback(2, [&](TagIPCMessageItem& item) {
             receiver.PostIPCMessage(Item(item.fromModuleId, item.replyMsgId, "answer"));
         });
-        EXPECT_TRUE(sender.PostIPCMessage(Item(kOther, 1, "post")));
-        EXPECT_EQ(receiver.bodies.Take(), "post");
         EXPECT_EQ(Ask(sender, kOther, "request", 0, 2), "answer");
-        Flush(sender);
-        EXPECT_EQ(twin.Seen(), forward ? std::vector<std::string>{"post"} : std::vector<std::string>{});
-        EXPECT_TRUE(receiver.bodies.IsEmpty());
+        for (const bool forAll : {false, true}) {
+            EXPECT_TRUE(sender.PostIPCMessage(Item(forAll ? 0 : kOther, kPost, "post")));
+            EXPECT_EQ(receiver.bodies.Take(), "post");
+            EXPECT_TRUE(!forAll || sender.bodies.Take() == "post");
+            Flush(sender);
+            EXPECT_EQ(twin.Seen(), std::vector<std::string>(forward || forAll ? 1 : 0, "post"));
+            EXPECT_TRUE(receiver.bodies.IsEmpty() && sender.bodies.IsEmpty());
+        }
     }
-}
-
-TEST_F(ClientTest, BroadcastsReachEveryoneTheSenderIncluded) {
-    Client sender(kMe);
-    Client local(kOther, true);
-    sender.Collect(20);
-    local.Collect(20);
-    Twin twin(1);
-    sender.PostIPCMessage(Item(0, 20, "all"));
-    Flush(sender);
-    EXPECT_EQ(sender.bodies.Take(), "all");
-    EXPECT_EQ(local.bodies.Take(), "all");
-    EXPECT_EQ(twin.Seen(), std::vector<std::string>{"all"});
-    EXPECT_TRUE(sender.bodies.IsEmpty() && local.bodies.IsEmpty());
 }
 
 TEST_F(ClientTest, SubscriptionsDecideWhatIsSeen) {
@@ -218,7 +172,6 @@ TEST_F(ClientTest, SubscriptionsDecideWhatIsSeen) {
         {{}, {}, Packet(7, 5), 0},
         {{{7, 5}}, {}, Packet(7, 5), 7},
         {{{7, 5}}, {}, Packet(7, 6), 0},
-        {{{7, 5}}, {}, Packet(8, 5), 0},
         {{{8, 5}, {7, 0}}, {}, Packet(7, 6), 7},
         {{{7, 5}, {7, 5}}, {{7, 5}}, Packet(7, 5), 0},
         {{{7, 0}}, {{7, 5}}, Packet(7, 5), 7},
@@ -228,7 +181,6 @@ TEST_F(ClientTest, SubscriptionsDecideWhatIsSeen) {
         {{{7, 0x10005}}, {}, Packet(0x10000, 0x10006, 0x10004, about7), 0},
         {{{7, 0}}, {}, Packet(0x10000, 0x10006, 0x10004, LittleEndian(8)), 0},
         {{{7, 0}}, {}, Packet(0x10000, 0x10006, 0x10004, "\7"), 0},
-        {{{7, 0}}, {}, Packet(0x10000, 0x10007, 0x10004, about7), 0},
         {{{0x10000, 0}}, {}, Packet(0x10000, 0x10006, 0x10004, about7), 0x10000},
     };
     for (const Case& one : cases) {
@@ -252,7 +204,6 @@ TEST_F(ClientTest, PublicationsAndPresenceComeFromOtherProcessesAndThisOne) {
     for (Client* each : {&client, &local}) {
         each->SubscribeIPCMessage(kMe, 3);
         each->SubscribeIPCMessage(0x900, 0);
-        each->CollectPublications();
     }
     TagIPCMessageItem item = Item(kNobody, 3);
     EXPECT_TRUE(client.PublishIPCMessage(item));
@@ -283,54 +234,43 @@ TEST_F(ClientTest, PublicationsAndPresenceComeFromOtherProcessesAndThisOne) {
 }
 
 TEST_F(ClientTest, MessagesFindTheirCallback) {
-    LogCapture log;
     Client client(kMe);
     std::string called;
     for (const int msgId : {1, 2, 0, -1}) {
         client.RegisterMessageCallback(msgId, [&](TagIPCMessageItem&) { called += "first "; });
     }
-    client.RegisterMessageCallback(1, [&](TagIPCMessageItem& item) {
-        called += "second ";
-        EXPECT_TRUE(item.dataLen == 0 && item.data == nullptr && !item.encrypt);
-    });
+    client.RegisterMessageCallback(1, [&](TagIPCMessageItem&) { called += "second "; });
     client.RegisterMessageCallback(3, nullptr);
     client.UnRegisterMessageCallback(2);
     client.RegisterPublishMessageCallback([&](TagIPCMessageItem&) { called += "published "; });
     client.SubscribeIPCMessage(8, 0);
-    for (const std::uint32_t msgId : {0U, 0xFFFFFFFFU, 1U, 3U}) {
-        client.OnRecvIPCMessage(Shared(Packet(8, msgId, 0)));
+    for (const std::uint32_t msgId : {0U, 0xFFFFFFFFU, 1U, 2U, 3U}) {
+        client.OnRecvIPCMessage(std::make_shared<BasePacket>(Packet(8, msgId, 0)));
     }
-    client.OnRecvPublishIPCMessage(Shared(Packet(8, 1, 0))); // not a publication
-    client.OnRecvPublishIPCMessage(Shared(Packet(8, 1)));
+    client.OnRecvPublishIPCMessage(std::make_shared<BasePacket>(Packet(8, 1, 0))); // not a publication
+    client.OnRecvPublishIPCMessage(std::make_shared<BasePacket>(Packet(8, 1)));
     EXPECT_EQ(called, "second published ");
-    for (const auto& [level, text] : log.Take()) {
-        EXPECT_LT(level, log4cplus::WARN_LOG_LEVEL) << text;
-    }
-    BasePacket damaged = Packet(8, 1, 0x10004, "no ciphertext");
-    damaged.SetEncrypted(true);
-    client.OnRecvIPCMessage(Shared(Packet(8, 2, 0)));
-    client.OnRecvIPCMessage(Shared(damaged));
-    client.OnRecvPublishIPCMessage(Shared(damaged));
-    EXPECT_EQ(called, "second published ");
-    for (const char* text : {"fail to find async ipc message callback. messageid=2, m_moduleId=393216",
-                             "fail to convert async ipc obj to struct. messageid=1",
-                             "fail to convert publish ipc obj to struct. messageid=1"}) {
-        EXPECT_EQ(log.Count(log4cplus::WARN_LOG_LEVEL, text), 1U) << text;
-    }
 }
 
 TEST_F(ClientTest, ACallbackThatThrowsIsLoggedAndTheProcessLives) {
     const LogCapture log;
-    Client client(kMe);
-    client.RegisterMessageCallback(1, [](TagIPCMessageItem&) { throw std::runtime_error("out of luck"); });
-    client.RegisterMessageCallback(2, [](TagIPCMessageItem&) { throw 7; });
-    client.Collect(3);
-    for (const int msgId : {1, 2, 3}) {
-        client.PostIPCMessage(Item(kMe, msgId, "next"));
-    }
-    EXPECT_TRUE(log.Await(log4cplus::ERROR_LOG_LEVEL, "ipc message callback threw. messageid=1, what=out of luck"));
-    EXPECT_TRUE(log.Await(log4cplus::ERROR_LOG_LEVEL, "ipc message callback threw. messageid=2"));
-    EXPECT_EQ(client.bodies.Take(), "next");
+    Tally thrown;
+    {
+        Client client(kMe);
+        client.RegisterMessageCallback(1, [&](TagIPCMessageItem&) {
+            thrown.Add();
+            throw std::runtime_error("out of luck");
+        });
+        client.RegisterMessageCallback(2, [&](TagIPCMessageItem&) {
+            thrown.Add();
+            throw 7;
+        });
+        client.PostIPCMessage(Item(kMe, 1));
+        client.PostIPCMessage(Item(kMe, 2));
+        EXPECT_TRUE(thrown.Await(2));
+    } // when the client is gone its callbacks have ended
+    EXPECT_EQ(log.Errors("ipc message callback threw. messageid=1, what=out of luck"), 1);
+    EXPECT_EQ(log.Errors("ipc message callback threw. messageid=2"), 1);
 }
 
 TEST_F(ClientTest, ACallbackMayUseTheBusAndChangeItsClient) {
@@ -366,15 +306,15 @@ TEST_F(ClientTest, ASlowCallbackHoldsUpNobody) {
 }
 
 TEST_F(ClientTest, ACallbackMayDestroyItsClient) {
-    Client sender(kOther);
+    const Client sender(kOther);
     for (int i = 0; i < 50; ++i) {
         auto client = std::make_unique<Client>(kMe);
         Tally destroyed;
         std::atomic<bool> first{true};
-        client->RegisterMessageCallback(1, [&, held = std::string(100, 'x')](TagIPCMessageItem& item) {
+        client->RegisterMessageCallback(1, [&](TagIPCMessageItem& item) {
             if (first.exchange(false)) {
                 client.reset();
-                EXPECT_EQ(BodyOf(item) + held, "still readable" + std::string(100, 'x'));
+                EXPECT_EQ(BodyOf(item), "still readable");
                 destroyed.Add();
             }
         });
@@ -382,7 +322,6 @@ TEST_F(ClientTest, ACallbackMayDestroyItsClient) {
             sender.PostIPCMessage(Item(kMe, 1, "still readable"));
         }
         EXPECT_TRUE(destroyed.Await(1));
-        EXPECT_EQ(client, nullptr);
     }
 }
 

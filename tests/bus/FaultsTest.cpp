@@ -5,33 +5,21 @@
 
 #include <cstdlib>
 #include <map>
-#include <mutex>
 
 namespace Vantor::Sentrix {
 namespace {
 
-constexpr int kEchoModule = 0x50000;
-constexpr int kMe = 0x60000;
-constexpr int kOther = 0x60001;
-constexpr int kServer = 0x10000;
 constexpr int kAnswer = 30;
 constexpr int kPing = 31;
 constexpr int kMarker = 32;
 constexpr int kBlock = 33;
-constexpr std::uint32_t kOffline = 0x10005;
-constexpr std::uint32_t kOnline = 0x10006;
 
-// A host in this process that looks after the echo module's messages itself: it keeps them or answers them. It sends
-// rubbish in place of one answer when it is told to.
+// A host in this process that answers or keeps the echo module's messages; told to, it answers one with rubbish.
 class FakeHost final : public IOCPServer {
 public:
     explicit FakeHost(bool answers) : m_answers(answers) { Start(); }
     ~FakeHost() { Stop(); }
 
-    void SendOnce(std::string rubbish) {
-        const std::lock_guard guard(m_mutex);
-        m_rubbish = std::move(rubbish);
-    }
     bool OnNewConnection(IOCPContext*) override {
         m_connections.Add();
         return true;
@@ -51,6 +39,7 @@ public:
     }
     Tally m_connections;
     Mailbox<RawPacket> m_kept;
+    Mailbox<std::string> m_rubbish; // sent in place of the next answers
 
 private:
     void Answer(IOCPContext* context, RawPacket packet) {
@@ -58,27 +47,22 @@ private:
         packet.msgId = packet.replyMsgId;
         std::string answer = packet.Frame();
         answer.back() ^= 1; // a client does not look at the payload's checksum
-        const std::lock_guard guard(m_mutex);
-        const std::string bytes = m_rubbish.empty() ? answer : std::exchange(m_rubbish, {});
+        const std::string bytes = m_rubbish.IsEmpty() ? answer : m_rubbish.Take().value();
         SendText(context, bytes.data(), static_cast<int>(bytes.size()));
     }
 
     const bool m_answers;
-    std::mutex m_mutex;
-    std::string m_rubbish;                          // guarded by m_mutex
     std::map<IOCPContext*, std::string> m_received; // touched by the worker only
 };
 
-// ---- A host that dies ----------------------------------------------------------------------------------------------
-
 TEST(FaultsTest, AHostIsKilledUnderLoadAndEveryoneComesBack) {
     auto host = std::make_unique<Role>("host");
-    const Role echo("echo", kEchoModule);
+    const Role echo("echo");
     Tally held;
     IPCMessageClient client(kMe, false, false);
     const IPCMessageClient poster(kOther, false, false);
     client.RegisterMessageCallback(kHeld, [&](TagIPCMessageItem&) { held.Add(); });
-    ASSERT_TRUE(AskUntilAnswered(client, kEchoModule));
+    ASSERT_TRUE(AskUntilAnswered(client));
 
     std::atomic<bool> stop{false};
     Tally answers;
@@ -87,7 +71,7 @@ TEST(FaultsTest, AHostIsKilledUnderLoadAndEveryoneComesBack) {
         load.emplace_back([&, t] {
             for (int i = 0; !stop; ++i) {
                 const std::string body = Pattern(static_cast<std::size_t>(i % 10) * 10'000, static_cast<unsigned>(i));
-                const auto answer = Ask(client, kEchoModule, body, t * 1'000'000 + i, kEcho, false, kSoonMs);
+                const auto answer = Ask(client, kEchoModule, body, t * 1'000'000 + i, kEcho, kSoonMs);
                 EXPECT_TRUE(!answer || *answer == body);
                 answers.Add(answer ? 1 : 0);
             }
@@ -118,7 +102,6 @@ TEST(FaultsTest, AHostIsKilledUnderLoadAndEveryoneComesBack) {
         }
         successor.reset();
         host = std::make_unique<Role>("host");
-        EXPECT_TRUE(AskUntilAnswered(client, kEchoModule));
         EXPECT_TRUE(answers.Await(answers.Value() + 50));
     }
     stop = true;
@@ -127,14 +110,14 @@ TEST(FaultsTest, AHostIsKilledUnderLoadAndEveryoneComesBack) {
     }
 }
 
-// ---- A host that talks rubbish -------------------------------------------------------------------------------------
-
 TEST(FaultsTest, AClientSurvivesRubbishFromItsHost) {
     IPCMessageClient client(kMe, false, false);
+    client.RegisterMessageCallback(kPing,
+                                   [](TagIPCMessageItem&) { ADD_FAILURE() << "called with an unreadable body"; });
     const std::string endless = RawHeader(0xFFFFFFFF, 0) + Pattern(10'000);
     const RawPacket unexpected[] = {{.to = kMe, .msgId = kPing, .encrypted = 1, .body = "no ciphertext"},
                                     {.to = kMe, .msgType = 0x10004},
-                                    {.to = 1, .msgId = kOffline, .body = "x"}};
+                                    {.to = 1, .msgId = ControlMessage::kModuleOffline, .body = "x"}};
     std::string oddFrames = RawFrame("") + RawFrame("\1\2\3");
     for (const RawPacket& packet : unexpected) {
         oddFrames += packet.Frame();
@@ -143,7 +126,7 @@ TEST(FaultsTest, AClientSurvivesRubbishFromItsHost) {
     EXPECT_TRUE(host->m_connections.Await(1));
     TagIPCMessageItem request = Item(kEchoModule, kEcho, "body", kAnswer);
     for (const std::string& rubbish : {Pattern(100), Pattern(100'000), std::string(16, '\0'), oddFrames}) {
-        host->SendOnce(rubbish);
+        host->m_rubbish.Put(rubbish);
         TagIPCMessageItemRecv answer;
         for (int tries = 0; tries < 600 && !client.SendIPCMessage(request, kAnswer, answer, 100); ++tries) {
             ++request.uniqMsgId;
@@ -151,26 +134,21 @@ TEST(FaultsTest, AClientSurvivesRubbishFromItsHost) {
         EXPECT_EQ(answer.data, "bodx") << rubbish.size();
     }
     EXPECT_EQ(host->m_connections.Value(), 1) << "the connection stays";
-    host->SendOnce(endless); // makes the client deaf until this host goes
+    host->m_rubbish.Put(endless); // makes the client deaf until this host goes
     TagIPCMessageItemRecv answer;
     EXPECT_FALSE(client.SendIPCMessage(request, kAnswer, answer, 1));
     host.reset();
-    const Role better("host");
-    const Role echo("echo", kEchoModule);
-    EXPECT_TRUE(AskUntilAnswered(client, kEchoModule));
+    const Bus better; // which this process reaches over the same engine
 }
 
-// ---- Engines that are stopped --------------------------------------------------------------------------------------
-
 bool SeesNotice(RawPeer& witness, std::uint32_t msgId, std::uint32_t moduleId) {
-    std::optional<std::string> frame;
-    while ((frame = witness.NextFrame())) {
+    while (const auto frame = witness.NextFrame()) {
         const RawPacket packet = ParseRawFrame(*frame);
         if (packet.msgId == msgId && packet.body == LittleEndian(moduleId)) {
-            break;
+            return true;
         }
     }
-    return frame.has_value();
+    return false;
 }
 
 // Role: stops the engine in the middle of traffic. It leaves the bus and nothing is delivered afterwards.
@@ -178,9 +156,9 @@ int StopInTraffic(int variant) {
     SayReady();
     RawPeer witness;
     witness.Register(0x7F000001, "1 ");
-    bool isRight = SeesNotice(witness, kOnline, 1);
+    bool isRight = SeesNotice(witness, ControlMessage::kModuleOnline, 1);
     auto* const client = new IPCMessageClient(kMe, false, variant % 2 == 0);
-    isRight = isRight && SeesNotice(witness, kOnline, kMe);
+    isRight = isRight && SeesNotice(witness, ControlMessage::kModuleOnline, kMe);
     Tally traffic;
     std::atomic<bool> marked{false};
     client->RegisterMessageCallback(kPing, [&](TagIPCMessageItem&) {
@@ -208,23 +186,19 @@ int StopInTraffic(int variant) {
     isRight = isRight && !Ask(*client, kEchoModule);
     IPCMessageClient(kOther, false, false).PostIPCMessage(Item(kMe, kMarker));
     delete client; // waits for callbacks that run, so there are none any more
-    return isRight && !marked && SeesNotice(witness, kOffline, kMe) ? 0 : 1;
+    return isRight && !marked && SeesNotice(witness, ControlMessage::kModuleOffline, kMe) ? 0 : 1;
 }
 
 const RoleDefinition stopRole("stop", &StopInTraffic);
 
 TEST(FaultsTest, AnEngineStopsInTheMiddleOfTraffic) {
-    const Role host("host");
-    const Role echo("echo", kEchoModule);
-    EXPECT_TRUE(AskUntilAnswered(IPCMessageClient(kMe, false, false), kEchoModule));
+    const Bus bus;
     for (int variant = 0; variant < 6; ++variant) {
         EXPECT_EQ(Role("stop", variant).AwaitExit(), 0) << variant;
     }
 }
 
-// ---- Processes that exit -------------------------------------------------------------------------------------------
-
-enum ExitVariant { kReturn, kExitInMain, kExitInThread, kExitInCallback, kStaticObjects, kStoppedServer, kVariants };
+enum ExitVariant { kReturn, kExitInThread, kExitInCallback, kStaticObjects, kVariants };
 
 // Role: exits by itself with a running server, clients, callbacks and waits. What callbacks and threads use lives on.
 int ExitInTraffic(int variant) {
@@ -245,7 +219,7 @@ int ExitInTraffic(int variant) {
             }
         });
         client->RegisterMessageCallback(kBlock, [](TagIPCMessageItem&) { Sleep(INFINITE); });
-        client->SubscribeIPCMessage(kServer, 0);
+        client->SubscribeIPCMessage(ModuleId::kMsgServer, 0);
         for (int i = 0; i < 4; ++i) {
             client->PostIPCMessage(Item(to, kPing, "to and fro"));
             std::thread([client = client, to = to] { Ask(*client, to, "never answered", 0, kBlock); }).detach();
@@ -253,8 +227,6 @@ int ExitInTraffic(int variant) {
     }
     traffic->Await(500);
     switch (variant) {
-    case kExitInMain:
-        std::exit(0);
     case kExitInThread:
         std::thread([] { std::exit(0); }).join();
         return 1;
@@ -269,9 +241,6 @@ int ExitInTraffic(int variant) {
         left->PostIPCMessage(Item(kOther + 1, kPing));
         return 0;
     }
-    case kStoppedServer:
-        server->Stop();
-        return 0;
     default:
         return 0;
     }

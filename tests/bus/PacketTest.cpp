@@ -1,10 +1,13 @@
 // Packets and frames, held against bytes written out and against the raw peer's own reading of the wire.
 #include "tests/support/BusProgram.h"
 #include "veyrasvc/bus/BasePacket.h"
+#include "veyrasvc/bus/Crc32.h"
 #include "veyrasvc/bus/Frame.h"
+#include "veyrasvc/bus/PayloadCipher.h"
 
 #include <algorithm>
 #include <random>
+#include <set>
 
 namespace Vantor::Sentrix {
 namespace {
@@ -36,14 +39,15 @@ BasePacket PacketOf(const RawPacket& raw) {
     return packet;
 }
 
-RawPacket RawOf(const BasePacket& packet) {
-    return {packet.GetTo(),        packet.GetFrom(),       packet.GetMsgId(),
-            packet.GetMsgType(),   packet.GetReplyMsgId(), packet.GetUniqMsgId(),
-            packet.GetEncrypted(), packet.GetIv(),         packet.GetBody()};
+std::string FrameOf(const BasePacket& packet) {
+    std::string frame;
+    EXPECT_TRUE(packet.BuildFrame(frame));
+    return frame;
 }
 
-// The frames that a cutter finds in the pieces, and whether it stays in step.
-std::pair<Frames, bool> Cut(FrameCutter& cutter, const Frames& pieces) {
+// The frames that are found in the pieces, and whether they stay in step.
+std::pair<Frames, bool> Cut(const Frames& pieces) {
+    FrameCutter cutter;
     Frames frames;
     bool inStep = true;
     for (const std::string& piece : pieces) {
@@ -69,62 +73,105 @@ Frames Pieces(const std::string& stream, std::size_t longest, std::mt19937& rand
     return pieces;
 }
 
-TEST(PacketTest, FramesAreThoseBytes) {
-    const std::pair<RawPacket, const char*> cases[] = {
-        {{},
-         "00000024 00000000 6ab6b2d5 11ca6a64 00000000 00000000 00000000 00000000 00000000 00000000 00000000"
-         "00000000 00000000"},
-        {{.to = 0x900001,
-          .from = 0x900002,
-          .msgId = 1,
-          .msgType = 0xFFFFFFFF,
-          .replyMsgId = 0xFFFFFFFF,
-          .uniqMsgId = 7,
-          .body = "Ada"},
-         "00000027 00000000 2a1d4073 7f4139ff 00900001 00900002 00000001 ffffffff ffffffff 00000007 00000000 00000000"
-         "00000003 416461"},
-    };
-    for (const auto& [packet, bytes] : cases) {
-        std::string frame = "kept";
-        EXPECT_TRUE(PacketOf(packet).BuildFrame(frame));
-        EXPECT_EQ(frame, "kept" + FromHex(bytes));
-        EXPECT_EQ(packet.Frame(), FromHex(bytes));
+// Blocks chained by hand over the block transform.
+std::string Chained(const std::string& padded, std::string chain) {
+    std::string cipher;
+    for (const char byte : padded) {
+        chain[cipher.size() % 16] ^= byte;
+        cipher.push_back('\0');
+        if (cipher.size() % 16 == 0) {
+            auto* const block = reinterpret_cast<unsigned char*>(chain.data());
+            EXPECT_EQ(EncryptBlock(block, block), 0);
+            cipher.replace(cipher.size() - 16, 16, chain);
+        }
     }
+    return cipher;
+}
+
+std::optional<std::string> Deciphered(const std::string& iv, const std::string& body) {
+    char* plain = nullptr;
+    std::size_t length = 0;
+    if (!PacketOf({.encrypted = 1, .iv = iv, .body = body}).DecryptBody(plain, length)) {
+        EXPECT_EQ(plain, nullptr);
+        return std::nullopt;
+    }
+    std::string text(plain, length);
+    ::operator delete(plain);
+    return text;
+}
+
+TEST(PacketTest, AFrameIsThoseBytes) {
+    const RawPacket packet = {0x900001, 0x900002, 1, 0xFFFFFFFF, 0xFFFFFFFF, 7, 0, "", "Ada"};
+    const std::string bytes = FromHex(
+        "00000027 00000000 2a1d4073 7f4139ff 00900001 00900002 00000001 ffffffff ffffffff 00000007 00000000 00000000"
+        "00000003 416461");
+    EXPECT_EQ(FrameOf(PacketOf(packet)), bytes);
+    EXPECT_EQ(packet.Frame(), bytes);
+    EXPECT_EQ(Crc32("123456789", 9), 0xCBF43926U);
 }
 
 TEST(PacketTest, EveryFieldTravelsAndBytesThatAreMissingReadAsZero) {
     const std::string payload = kFull.Payload();
-    std::string frame;
-    PacketOf(kFull).BuildFrame(frame);
-    EXPECT_EQ(frame, kFull.Frame());
+    EXPECT_EQ(FrameOf(PacketOf(kFull)), kFull.Frame());
     for (std::size_t length = 0; length <= payload.size(); ++length) {
         std::string cut = payload.substr(0, length);
         BasePacket packet = PacketOf(kFull);
         packet.DeserializeFrom(cut.data(), cut.size());
         cut.resize(payload.size());
-        EXPECT_EQ(RawOf(packet), ParseRawFrame(RawFrame(cut))) << length;
+        EXPECT_EQ(FrameOf(packet), ParseRawFrame(RawFrame(cut)).Frame()) << length;
     }
 }
 
-TEST(PacketTest, BodiesAreDecipheredByTheirIv) {
-    RawPacket raw = kFull;
-    ASSERT_TRUE(BasePacket::EncryptData("secret", 6, raw.body, raw.iv));
-    char* plain = nullptr;
-    std::size_t length = 0;
-    ASSERT_TRUE(PacketOf(raw).DecryptBody(plain, length));
-    EXPECT_EQ(std::string(plain, length), "secret");
-    ::operator delete(std::exchange(plain, nullptr));
-    for (const auto& [iv, body] : {std::pair(raw.iv.substr(1), raw.body),
-                                   {raw.iv + "x", raw.body},
-                                   {"", raw.body},
-                                   {raw.iv, raw.body.substr(1)},
-                                   {raw.iv, ""}}) {
-        EXPECT_FALSE(PacketOf({.encrypted = 1, .iv = iv, .body = body}).DecryptBody(plain, length));
-        EXPECT_EQ(plain, nullptr);
+TEST(PacketTest, BodiesAreEncipheredUnderAFreshIvAndComeBack) {
+    std::set<std::string> ivs;
+    for (std::size_t length = 1; length <= 100; ++length) {
+        const std::string text = Pattern(length);
+        const std::size_t pad = 16 - length % 16;
+        std::string cipher;
+        std::string iv;
+        ASSERT_TRUE(BasePacket::EncryptData(text.data(), length, cipher, iv));
+        EXPECT_TRUE(ivs.insert(iv).second);
+        EXPECT_EQ(cipher, Chained(text + std::string(pad, static_cast<char>(pad)), iv)) << length;
+        EXPECT_EQ(Deciphered(iv, cipher), text) << length;
     }
-    raw.body = raw.iv = "kept";
-    EXPECT_FALSE(BasePacket::EncryptData("x", 0, raw.body, raw.iv));
-    EXPECT_EQ(raw.body + raw.iv, "keptkept");
+    std::string unchanged = "kept";
+    EXPECT_FALSE(BasePacket::EncryptData("x", 0, unchanged, unchanged));
+    EXPECT_EQ(unchanged, "kept");
+}
+
+TEST(PacketTest, DamagedBodiesAreRefusedByTheirIvLengthAndPadding) {
+    const std::string iv = Pattern(16);
+    const std::string text = Pattern(32);
+    const std::string whole = Chained(text.substr(0, 31) + '\1', iv);
+    EXPECT_EQ(Deciphered(iv, whole), text.substr(0, 31));
+    for (const auto& [otherIv, body] : {std::pair(iv.substr(1), whole),
+                                        {iv + "x", whole},
+                                        {"", whole},
+                                        {iv, whole.substr(1)},
+                                        {iv, whole.substr(17)},
+                                        {iv, ""}}) {
+        EXPECT_EQ(Deciphered(otherIv, body), std::nullopt);
+    }
+    // The last block is filled with one byte and ends in another; a whole block stands before it.
+    struct Case {
+        char fill;
+        char last;
+        std::optional<std::size_t> textLength;
+    };
+    for (const auto& [fill, last, textLength] : {Case{9, 0, 32},
+                                                 {9, 1, 31},
+                                                 {9, 2, {}},
+                                                 {2, 2, 30},
+                                                 {15, 16, {}},
+                                                 {16, 16, 16},
+                                                 {17, 17, {}},
+                                                 {9, -1, {}},
+                                                 {0, -128, {}}}) {
+        const std::string padded = text.substr(0, 16) + std::string(15, fill) + last;
+        const auto expected = textLength ? std::optional(padded.substr(0, *textLength)) : std::nullopt;
+        EXPECT_EQ(Deciphered(iv, Chained(padded, iv)), expected) << int{fill} << " " << int{last};
+    }
+    EXPECT_EQ(Deciphered(iv, Chained(std::string(16, 16), iv)), std::nullopt) << "nothing but padding";
 }
 
 TEST(FrameTest, FramesAreTheSameInWhateverPiecesTheyCome) {
@@ -142,22 +189,8 @@ TEST(FrameTest, FramesAreTheSameInWhateverPiecesTheyCome) {
             stream[random() % stream.size()] ^= 1; // in a header or in a payload
         }
         for (const std::size_t longest : {stream.size() + 1, std::size_t{1}, std::size_t{1} << (random() % 14)}) {
-            FrameCutter cutter;
-            EXPECT_EQ(Cut(cutter, Pieces(stream, longest, random)), CutByPeer(stream)) << round;
+            EXPECT_EQ(Cut(Pieces(stream, longest, random)), CutByPeer(stream)) << round;
         }
-    }
-}
-
-TEST(FrameTest, BytesOutOfStepAreDroppedAndALieAboutTheLengthIsNoHarm) {
-    const std::string frame = kFull.Frame();
-    FrameCutter cutter;
-    EXPECT_EQ(Cut(cutter, {frame + "0123456789abcdef" + frame}), std::pair(Frames{frame}, false));
-    EXPECT_EQ(Cut(cutter, {"0123456789abcde"}), std::pair(Frames{}, true)) << "too short to be judged";
-    EXPECT_EQ(Cut(cutter, {"f" + frame}), std::pair(Frames{}, false));
-    EXPECT_EQ(Cut(cutter, {frame}), std::pair(Frames{frame}, true));
-    for (const std::uint32_t announced : {0xFFFFFFFFU, 0xFFFFFFF0U}) {
-        FrameCutter patient;
-        EXPECT_EQ(Cut(patient, {RawHeader(announced, 0) + std::string(100'000, 'x')}), std::pair(Frames{}, true));
     }
 }
 

@@ -1,6 +1,5 @@
 // The router, with peers that write the wire by themselves.
 #include "tests/support/BusProgram.h"
-#include "tests/support/LogCapture.h"
 #include "veyrasvc/bus/BasePacket.h"
 #include "veyrasvc/bus/ModuleMessageServer.h"
 #include "veyrasvc/util/ByteOrder.h"
@@ -47,7 +46,6 @@ private:
 
 struct Peer : RawPeer {
     std::uint32_t id = 0; // where it can be reached
-    std::uint32_t pid = 0;
 };
 
 using Lines = std::vector<std::string>;
@@ -100,8 +98,8 @@ protected:
     Peer& Join(std::uint32_t id, const std::string& moreIds = "", std::uint32_t pid = 0) {
         Peer& peer = Connect();
         peer.id = id;
-        peer.pid = pid != 0 ? pid : kFirstPid + static_cast<std::uint32_t>(m_peers.size());
-        peer.Register(peer.pid, std::to_string(id) + " " + moreIds);
+        pid = pid != 0 ? pid : kFirstPid + static_cast<std::uint32_t>(m_peers.size());
+        peer.Register(pid, std::to_string(id) + " " + moreIds);
         return peer;
     }
     void Leave(Peer& peer) {
@@ -158,9 +156,7 @@ TEST_F(RouterTest, RegistrationsAreReadAsNumbersEachWithItsSpace) {
         {"5 6", {"+5"}},
         {"6 5 ", {"+5", "+6"}},
         {"5  6 ", {"+0", "+5", "+6"}},
-        {"5 5 5 ", {"+5"}},
         {"", {}},
-        {"7", {}},
         {" ", {"+0"}},
         {"x -5 12abc 007 ", {"+0", "+7", "+12"}},
         {"2147483648 4294967295 ", {"+2147483648", "+4294967295"}},
@@ -186,10 +182,10 @@ TEST_F(RouterTest, RegistrationsAreReadAsNumbersEachWithItsSpace) {
 TEST_F(RouterTest, PresenceNoticesTellWhatChanged) {
     Peer& peer = Join(5, "6 ");
     EXPECT_EQ(Seen(*m_observer), (Lines{"+5", "+6"}));
-    peer.Register(peer.pid, "5 7 ");
+    peer.Register(1, "5 7 "); // only the first one tells the process
     EXPECT_EQ(Seen(*m_observer), (Lines{"-6", "+7"}));
-    peer.Register(peer.pid, "7 5 ");
-    peer.Register(peer.pid, "");
+    peer.Register(1, "7 5 ");
+    peer.Register(1, "");
     RawPacket undecipherable = Registration("9 ", true);
     for (const std::size_t length : {0, 15, 16}) {
         undecipherable.iv = Pattern(length);
@@ -225,20 +221,14 @@ TEST_F(RouterTest, FramesGoWhereTheTableSendsThem) {
         std::uint32_t to;
         std::uint32_t msgId;
         std::uint32_t msgType;
-        Lines receivers; // what A, A2, B and C get
+        std::size_t frames[4]; // that A, A2, B and C get
     };
     const Case cases[] = {
-        {A, 20, 1, 0, {"", "", "x", ""}},
-        {A, 30, 1, 0xFFFFFFFF, {"", "", "x", "x"}},
-        {A, 10, 1, 0, {"x", "", "", ""}},
-        {A, 11, 1, 0, {"", "x", "", ""}},
-        {B, 30, 0, 0, {"", "", "x", "x"}},
-        {A, 77, 1, 0, {"off 77", "", "", ""}},
-        {A, 0, 1, 0, {"", "", "x", "x"}},
-        {C, 0, 1, 0, {"x", "x", "x", ""}},
-        {A, 30, 1, kPublished, {"", "", "x", "x"}},
-        {B, 77, 1, kPublished, {"x", "x", "", "x"}},
-        {C, kServer, kRegistration, kPublished, {"x", "x", "x", ""}},
+        {A, 20, 1, 0, {0, 0, 1, 0}},          {A, 30, 1, 0xFFFFFFFF, {0, 0, 1, 1}},
+        {A, 10, 1, 0, {1, 0, 0, 0}},          {A, 11, 1, 0, {0, 1, 0, 0}},
+        {B, 30, 0, 0, {0, 0, 1, 1}},          {A, 0, 1, 0, {0, 0, 1, 1}},
+        {C, 0, 1, 0, {1, 1, 1, 0}},           {A, 30, 1, kPublished, {0, 0, 1, 1}},
+        {B, 77, 1, kPublished, {1, 1, 0, 1}}, {C, kServer, kRegistration, kPublished, {1, 1, 1, 0}},
     };
     for (const Case& one : cases) {
         for (Peer* peer : peers) {
@@ -248,46 +238,12 @@ TEST_F(RouterTest, FramesGoWhereTheTableSendsThem) {
         const std::string frame = RawFrame(packet.Payload() + "more", 0x12345678);
         peers[one.sender]->Send(frame);
         for (const int i : {A, A2, B, C}) {
-            const Lines frames = SeenFrames(*peers[i]);
-            const std::string expected = one.receivers[static_cast<std::size_t>(i)];
-            ASSERT_EQ(frames.size(), expected.empty() ? 0U : 1U) << one.to << " " << one.msgType << " " << i;
-            if (expected == "x") {
-                EXPECT_EQ(frames[0], frame) << "byte for byte";
-            } else if (!expected.empty()) {
-                EXPECT_EQ(Describe(frames[0]), expected);
-                EXPECT_EQ(ParseRawFrame(frames[0]), (RawPacket{peers[i]->id, kServer, kOffline, 0xFFFFFFFF, 0xFFFFFFFF,
-                                                               0, 0, "", LittleEndian(77)}));
-            }
+            EXPECT_EQ(SeenFrames(*peers[i]), Lines(one.frames[i], frame)) << &one - cases << " to " << i;
         }
     }
-}
-
-TEST_F(RouterTest, EveryStepIsLogged) {
-    LogCapture log;
-    WritePacketLog("Recv Packet", 2, 4242, kServer, kRegistration);
-    EXPECT_EQ(log.Count(log4cplus::DEBUG_LOG_LEVEL, "title=Recv Packet, PacketIndex=2, From=[UnKnow:4242], "
-                                                    "To=[MSGSERVER:65536], Msg=65537(+1)"),
-              1);
-    Peer& peer = Join(0x20000);
-    std::string frames;
-    for (const RawPacket& packet : {RawPacket{.to = 900}, {.to = 0}, {.to = 77, .msgType = kPublished}, {.to = 77}}) {
-        frames += RawPacket{.to = packet.to, .from = 0x20000, .msgId = 0x20003, .msgType = packet.msgType}.Frame();
-    }
-    peer.Send(frames); // one write, so that no other frame comes between
-    Seen(peer);
-    Lines titles; // with the index, counted from the first
-    unsigned long first = 0;
-    for (const auto& [level, text] : log.Take()) {
-        if (text.ends_with("Msg=131075(+3)")) {
-            const unsigned long index = std::stoul(text.substr(text.find("PacketIndex=") + 12));
-            first = titles.empty() ? index : first;
-            titles.push_back(text.substr(6, text.find(", PacketIndex") - 6) + std::to_string(index - first));
-        }
-    }
-    EXPECT_EQ(titles,
-              (Lines{"Recv Packet0", "Send Packet To Module.Id. 0", "Recv Packet2", "Send broad Packet to Pid. 2",
-                     "Send broad Packet to Pid. 2", "Recv Packet4", "Send publish Packet .Pid. 4",
-                     "Send publish Packet .Pid. 4", "Recv Packet6", "Miss Module:6"}));
+    peers[A]->Send(RawPacket{.to = 77, .from = 10});
+    const RawPacket nobody = {10, kServer, kOffline, 0xFFFFFFFF, 0xFFFFFFFF, 0, 0, "", LittleEndian(77)};
+    EXPECT_EQ(SeenFrames(*peers[A]), Lines{nobody.Frame()});
 }
 
 TEST_F(RouterTest, DamageHurtsTheOneWhoSendsIt) {
@@ -305,17 +261,12 @@ TEST_F(RouterTest, DamageHurtsTheOneWhoSendsIt) {
         {badHeader, true, {}},
         {good + badHeader + good, true, {"good"}},
         {Pattern(5000), true, {}},
-        {std::string(16, '\0'), true, {}},
-        {badPayload + good, false, {"good"}},
-        {good + good, false, {"good", "good"}},
+        {badPayload + good + good, false, {"good", "good"}},
         {RawFrame("") + RawFrame(std::string("\0\0\3", 3)) + good, false, {"", "good", "off 768"}}, // to 0 and to 0x300
         {RawHeader(0xFFFFFFFF, 0) + good, false, {}},
         {good.substr(0, good.size() - 1), false, {}},
         {std::string(15, 'x'), false, {}},
     };
-    Peer& bystander = Join(50);
-    Seen(*m_observer);
-    Seen(bystander);
     for (const Case& one : cases) {
         for (const std::size_t piece : {one.bytes.size(), std::size_t{1}}) {
             Peer& subject = Connect();
@@ -329,7 +280,6 @@ TEST_F(RouterTest, DamageHurtsTheOneWhoSendsIt) {
             Lines seen = Seen(*m_observer);
             std::sort(seen.begin(), seen.end()); // notices and frames come by different roads
             EXPECT_EQ(seen, one.seen) << &one - cases;
-            EXPECT_EQ(Seen(bystander).empty(), one.seen.size() < 3) << "only broadcasts reach it";
         }
     }
 }

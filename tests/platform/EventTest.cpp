@@ -3,9 +3,7 @@
 
 #include <array>
 #include <deque>
-#include <functional>
 #include <random>
-#include <vector>
 
 namespace Vantor::Sentrix {
 namespace {
@@ -37,9 +35,6 @@ TEST(EventTest, OfSeveralTheLowestIsTakenAndNoOther) {
         EXPECT_EQ(WaitForMultipleObjects(4, handles, FALSE, INFINITE), WAIT_OBJECT_0 + index);
     }
     EXPECT_EQ(WaitForMultipleObjects(3, handles, FALSE, 0), WAIT_TIMEOUT);
-    const std::vector<HANDLE> tooMany(MAXIMUM_WAIT_OBJECTS + 1, handles[3]);
-    EXPECT_EQ(WaitForMultipleObjects(MAXIMUM_WAIT_OBJECTS + 1, tooMany.data(), FALSE, 0), WAIT_FAILED);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
 }
 
 // Each ring has one token, which goes from place to place by events. Two threads stand at a place; each waits for all
@@ -90,81 +85,62 @@ TEST(EventTest, EverySignalWakesOneAndTheStopAll) {
     }
 }
 
-// ---- Threads -------------------------------------------------------------------------------------------------------
-
-struct Started {
-    DWORD id = 0;
-    Owned go = NewEvent(false);
-    Owned gone = NewEvent(false);
-};
-
-DWORD RunStarted(void* parameter) {
-    auto* const started = static_cast<Started*>(parameter);
-    started->id = GetCurrentThreadId();
-    WaitForSingleObject(started->go, INFINITE);
-    SetEvent(started->gone);
-    return 0;
-}
-
 TEST(ThreadTest, ItsEndSignalsItsHandleAndItRunsWithoutOne) {
-    Started one;
-    Started other;
-    Owned threads[] = {Owned(CreateThread(nullptr, 0, RunStarted, &one, 0, nullptr)),
-                       Owned(CreateThread(nullptr, 0, RunStarted, &other, 0, nullptr))};
-    const HANDLE handles[] = {threads[0], threads[1]};
-    EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, 1), WAIT_TIMEOUT);
-    threads[0].Close();
-    SetEvent(one.go);
-    EXPECT_EQ(WaitForSingleObject(one.gone, kPatienceMs), WAIT_OBJECT_0);
-    SetEvent(other.go);
-    EXPECT_EQ(WaitForSingleObject(threads[1], kPatienceMs), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(threads[1], 0), WAIT_OBJECT_0) << "it stays signalled";
-    EXPECT_TRUE(one.id != other.id && one.id != GetCurrentThreadId() && one.id != 0 && other.id != 0);
+    struct Step {
+        HANDLE after;
+        HANDLE done;
+    };
+    const auto run = [](void* parameter) -> DWORD {
+        const Step step = *static_cast<Step*>(parameter);
+        WaitForSingleObject(step.after, INFINITE);
+        SetEvent(step.done);
+        return 0;
+    };
+    const Owned events[] = {NewEvent(false), NewEvent(false), NewEvent(false)};
+    Step first{events[0], events[1]};
+    Step second{events[1], events[2]};
+    CloseHandle(CreateThread(nullptr, 0, run, &first, 0, nullptr));
+    const Owned thread(CreateThread(nullptr, 0, run, &second, 0, nullptr));
+    EXPECT_EQ(WaitForSingleObject(thread, 1), WAIT_TIMEOUT);
+    SetEvent(events[0]);
+    EXPECT_EQ(WaitForSingleObject(thread, kPatienceMs), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(thread, 0), WAIT_OBJECT_0) << "it stays signalled";
 }
 
-// ---- Handles -------------------------------------------------------------------------------------------------------
+testing::AssertionResult Refused(bool succeeded) {
+    const DWORD error = GetLastError();
+    SetLastError(NO_ERROR); // the next call has to set it itself
+    const bool refused = !succeeded && error == ERROR_INVALID_HANDLE;
+    return (refused ? testing::AssertionSuccess() : testing::AssertionFailure()) << "error " << error;
+}
 
 TEST(HandleTest, ACallRefusesAHandleThatIsClosedOrNullOrOfAnotherKind) {
     const Owned event = NewEvent(true);
     const Owned port = NewPort();
-    char byte = 0;
-    EventIo io;
-    OVERLAPPED* const overlapped = &io.overlapped;
-    overlapped->hEvent = io.event;
-    struct Case {
-        const char* call;
-        HANDLE otherKind; // null where one system takes more kinds than the other
-        std::function<bool(HANDLE)> succeeds;
-    };
-    const Case cases[] = {
-        {"CloseHandle", nullptr, [](HANDLE bad) { return CloseHandle(bad) != FALSE; }},
-        {"SetEvent", port, [](HANDLE bad) { return SetEvent(bad) != FALSE; }},
-        {"ResetEvent", port, [](HANDLE bad) { return ResetEvent(bad) != FALSE; }},
-        {"WaitForSingleObject", nullptr, [](HANDLE bad) { return WaitForSingleObject(bad, 0) != WAIT_FAILED; }},
-        {"WaitForMultipleObjects", nullptr,
-         [&](HANDLE bad) {
-             const HANDLE handles[] = {event, bad};
-             return WaitForMultipleObjects(2, handles, FALSE, 0) != WAIT_FAILED;
-         }},
-        {"GetQueuedCompletionStatus", event, [](HANDLE bad) { return Next(bad, 0).succeeded; }},
-        {"PostQueuedCompletionStatus", event,
-         [](HANDLE bad) { return PostQueuedCompletionStatus(bad, 0, 0, nullptr) != FALSE; }},
-        {"CreateIoCompletionPort", event,
-         [&](HANDLE bad) { return CreateIoCompletionPort(bad, port, 0, 0) != nullptr; }},
-        {"ConnectNamedPipe", event, [&](HANDLE bad) { return ConnectNamedPipe(bad, overlapped) != FALSE; }},
-        {"DisconnectNamedPipe", event, [](HANDLE bad) { return DisconnectNamedPipe(bad) != FALSE; }},
-        {"ReadFile", event, [&](HANDLE bad) { return ReadFile(bad, &byte, 1, nullptr, overlapped) != FALSE; }},
-        {"WriteFile", event, [&](HANDLE bad) { return WriteFile(bad, &byte, 1, nullptr, overlapped) != FALSE; }},
-    };
     Owned gone = NewEvent(true);
     const HANDLE closed = gone;
     gone.Close();
-    for (const Case& one : cases) {
-        for (const HANDLE bad : {closed, one.otherKind, HANDLE{}}) {
-            SetLastError(NO_ERROR);
-            EXPECT_FALSE(one.succeeds(bad)) << one.call;
-            EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE) << one.call;
-        }
+    char byte = 0;
+    EventIo io;
+    io.overlapped.hEvent = io.event;
+    for (const HANDLE bad : {closed, HANDLE{}}) {
+        const HANDLE handles[] = {event, bad};
+        EXPECT_TRUE(Refused(CloseHandle(bad) != FALSE));
+        EXPECT_TRUE(Refused(WaitForSingleObject(bad, 0) != WAIT_FAILED));
+        EXPECT_TRUE(Refused(WaitForMultipleObjects(2, handles, FALSE, 0) != WAIT_FAILED));
+    }
+    for (const HANDLE bad : {closed, HANDLE{}, HANDLE{port}}) {
+        EXPECT_TRUE(Refused(SetEvent(bad) != FALSE));
+        EXPECT_TRUE(Refused(ResetEvent(bad) != FALSE));
+    }
+    for (const HANDLE bad : {closed, HANDLE{}, HANDLE{event}}) {
+        EXPECT_TRUE(Refused(Next(bad, 0).succeeded));
+        EXPECT_TRUE(Refused(PostQueuedCompletionStatus(bad, 0, 0, nullptr) != FALSE));
+        EXPECT_TRUE(Refused(CreateIoCompletionPort(bad, port, 0, 0) != nullptr));
+        EXPECT_TRUE(Refused(ConnectNamedPipe(bad, &io.overlapped) != FALSE));
+        EXPECT_TRUE(Refused(DisconnectNamedPipe(bad) != FALSE));
+        EXPECT_TRUE(Refused(ReadFile(bad, &byte, 1, nullptr, &io.overlapped) != FALSE));
+        EXPECT_TRUE(Refused(WriteFile(bad, &byte, 1, nullptr, &io.overlapped) != FALSE));
     }
 }
 

@@ -1,7 +1,6 @@
 // Critical sections and slim locks.
 #include "tests/platform/Pipes.h"
 
-#include <deque>
 #include <thread>
 
 namespace Vantor::Sentrix {
@@ -30,39 +29,6 @@ TEST(LockTest, ACriticalSectionIsEnteredAgainByItsOwnerAndByNobodyElse) {
         LeaveCriticalSection(&section);
     }
     EXPECT_TRUE(EntersElsewhere(section));
-    DeleteCriticalSection(&section);
-}
-
-TEST(LockTest, BothKindsExclude) {
-    constexpr int kThreads = 4;
-    constexpr int kRounds = 3000;
-    CRITICAL_SECTION section;
-    SRWLOCK slim;
-    InitializeCriticalSection(&section);
-    InitializeSRWLock(&slim);
-    int entered = 0;
-    int pair[2] = {0, 0};
-    {
-        std::deque<Thread> threads;
-        for (int i = 0; i < kThreads; ++i) {
-            threads.emplace_back([&] {
-                for (int round = 0; round < kRounds; ++round) {
-                    EnterCriticalSection(&section);
-                    ++entered;
-                    LeaveCriticalSection(&section);
-                    AcquireSRWLockExclusive(&slim);
-                    ++pair[0];
-                    ++pair[1];
-                    ReleaseSRWLockExclusive(&slim);
-                    AcquireSRWLockShared(&slim);
-                    EXPECT_EQ(pair[0], pair[1]);
-                    ReleaseSRWLockShared(&slim);
-                }
-            });
-        }
-    }
-    EXPECT_EQ(entered, kThreads * kRounds);
-    EXPECT_EQ(pair[0], kThreads * kRounds);
     DeleteCriticalSection(&section);
 }
 

@@ -175,6 +175,7 @@ private:
 };
 
 void RunTraffic(unsigned connections, std::size_t bytes, unsigned portThreads, int outstanding, bool hasSenders) {
+    SCOPED_TRACE(connections);
     const Owned port = NewPort();
     std::vector<std::unique_ptr<PortEnd>> ends;
     for (unsigned id = 0; id < connections; ++id) {
@@ -209,17 +210,8 @@ void RunTraffic(unsigned connections, std::size_t bytes, unsigned portThreads, i
 
 TEST(PipeTrafficTest, ArrivesCompleteAndInOrder) {
     RunTraffic(1, 8 << 20, 1, 4, false);
-}
-
-TEST(PipeTrafficTest, ArrivesFromASenderThreadWhileAnotherWaits) {
     RunTraffic(1, 5 << 20, 1, 4, true);
-}
-
-TEST(PipeTrafficTest, ArrivesOnManyConnectionsOfOnePort) {
     RunTraffic(24, 200 << 10, 1, 2, true);
-}
-
-TEST(PipeTrafficTest, ArrivesOnSeveralThreadsOfOnePort) {
     RunTraffic(6, 400 << 10, 3, 1, true);
 }
 

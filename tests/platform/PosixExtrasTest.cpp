@@ -1,5 +1,5 @@
 // What the stand-in owes to the system it stands on: leave nothing behind, let in who may come in.
-#include "tools/support/ChildProcess.h"
+#include "veyrasvc/bus/SecurityAttribute.h"
 #include "veyrasvc/platform/Win32.h"
 #include "veyrasvc/platform/posix/MutexFile.h"
 #include "veyrasvc/platform/posix/SecurityDescriptor.h"
@@ -12,7 +12,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <string>
 
 namespace Vantor::Sentrix {
@@ -30,34 +29,33 @@ bool Allows(const wchar_t* text) {
 TEST(PosixExtras, OnlyADescriptorThatSaysSoAllowsEveryone) {
     SECURITY_ATTRIBUTES attributes{sizeof(SECURITY_ATTRIBUTES), nullptr, FALSE};
     EXPECT_FALSE(AllowsEveryone(&attributes)) << "default security";
-    alignas(void*) char descriptor[SECURITY_DESCRIPTOR_MIN_LENGTH];
-    EXPECT_TRUE(InitializeSecurityDescriptor(descriptor, SECURITY_DESCRIPTOR_REVISION));
-    attributes.lpSecurityDescriptor = descriptor;
-    SetSecurityDescriptorDacl(descriptor, TRUE, nullptr, FALSE);
-    EXPECT_TRUE(AllowsEveryone(&attributes)) << "a list of nothing refuses nobody";
-
+    EXPECT_TRUE(AllowsEveryone(SecurityAttribute().EveryoneSecAttr()));
     EXPECT_TRUE(Allows(L"D:(A;;GA;;;WD)"));
     EXPECT_TRUE(Allows(L"D:(A;;GR;;;WD)(A;;GW;;;S-1-1-0)"));
     EXPECT_FALSE(Allows(L"D:"));
     EXPECT_FALSE(Allows(L"D:(A;;GR;;;WD)"));
-    EXPECT_FALSE(Allows(L"D:(A;;GA;;;BA)(A;;GA;;;AU)"));
+    EXPECT_FALSE(Allows(L"D:(D;OICI;GA;;;BG)(D;OICI;GA;;;AN)(A;OICI;GA;;;AU)(A;OICI;GA;;;BA)")) << "named mutexes";
     EXPECT_FALSE(Allows(L"D:(D;;GW;;;WD)(A;;GA;;;WD)"));
     EXPECT_TRUE(Allows(L"D:(A;;GA;;;WD)(D;;GW;;;WD)")) << "the first word counts";
+    for (const wchar_t* refused : {L"D:(A;;GA;;;WD", L"D:(A;;ZZ;;;WD)", L"D:(A;;GA;;;Q!)", L"nonsense"}) {
+        EXPECT_FALSE(ConvertStringSecurityDescriptorToSecurityDescriptorW(refused, SDDL_REVISION_1,
+                                                                          &attributes.lpSecurityDescriptor, nullptr));
+    }
 }
 
 TEST(PosixExtras, AMutexFileLeftByAKilledProcessIsAFreshMutexForEveryAccount) {
     const std::wstring name = L"veyra extras " + std::to_wstring(GetCurrentProcessId());
-    const std::string narrow(name.begin(), name.end());
-    const std::string file = MutexFile::PathFor(narrow);
-    Support::ChildProcess child;
-    ASSERT_TRUE(child.Start(Support::OwnProgramPath(), {"--hold", narrow}, Support::ChildProcess::Output::Pipe));
-    ASSERT_EQ(child.ReadLine(), "holding");
+    const std::string file = MutexFile::PathFor({name.begin(), name.end()});
+    const pid_t child = fork();
+    if (child == 0) {
+        umask(077);
+        CreateMutexW(nullptr, TRUE, name.c_str());
+        raise(SIGKILL);
+    }
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
     struct stat status {};
-    ASSERT_EQ(stat(file.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777U, 0666U) << "whatever the child's umask";
-    child.Kill();
-    child.WaitForExit();
     ASSERT_EQ(stat(file.c_str(), &status), 0) << "nobody was left to take it away";
+    EXPECT_EQ(status.st_mode & 0777U, 0666U) << "whatever the child's umask";
     EXPECT_EQ(OpenMutexW(MUTEX_ALL_ACCESS, FALSE, name.c_str()), nullptr);
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     const HANDLE mutex = CreateMutexW(nullptr, FALSE, name.c_str());
@@ -68,20 +66,37 @@ TEST(PosixExtras, AMutexFileLeftByAKilledProcessIsAFreshMutexForEveryAccount) {
     EXPECT_NE(stat(file.c_str(), &status), 0) << "it goes with its last handle";
 }
 
-TEST(PosixExtras, AChildWithoutAHandleIsNoZombie) {
+TEST(PosixExtras, AChildHasTheStreamsItWasGivenAndIsNoZombieWithoutAHandle) {
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
-    PROCESS_INFORMATION information{};
-    wchar_t line[] = L"sleep 1000";
-    ASSERT_TRUE(CreateProcessW(nullptr, line, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &information));
-    CloseHandle(information.hThread);
-    CloseHandle(information.hProcess);
-    const auto id = static_cast<pid_t>(information.dwProcessId);
-    ASSERT_EQ(kill(id, SIGKILL), 0) << "it has run on, without a handle";
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    HANDLE in = nullptr;
+    HANDLE out = nullptr;
+    ASSERT_TRUE(CreatePipe(&startup.hStdInput, &in, &inheritable, 0));
+    ASSERT_TRUE(CreatePipe(&out, &startup.hStdOutput, &inheritable, 0));
+    PROCESS_INFORMATION child{};
+    wchar_t line[] = L"cat";
+    ASSERT_TRUE(CreateProcessW(nullptr, line, nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &child));
+    for (const HANDLE unneeded : {startup.hStdInput, startup.hStdOutput, child.hThread, child.hProcess}) {
+        CloseHandle(unneeded);
+    }
+    char text[8] = {};
+    DWORD count = 0;
+    EXPECT_TRUE(WriteFile(in, "copied", 6, &count, nullptr));
+    EXPECT_TRUE(ReadFile(out, text, sizeof text, &count, nullptr));
+    EXPECT_STREQ(text, "copied");
+    const auto id = static_cast<pid_t>(child.dwProcessId);
+    ASSERT_EQ(kill(id, SIGKILL), 0);
     while (kill(id, 0) == 0) { // a zombie can still be signalled; ends when it has been collected
         Sleep(1);
     }
     EXPECT_EQ(errno, ESRCH);
+    EXPECT_FALSE(ReadFile(out, text, sizeof text, &count, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_BROKEN_PIPE);
+    EXPECT_FALSE(WriteFile(in, "x", 1, &count, nullptr)) << "and no signal ends the writer";
+    CloseHandle(in);
+    CloseHandle(out);
 }
 
 TEST(PosixExtras, AFullDiskIsReported) {
@@ -96,17 +111,3 @@ TEST(PosixExtras, AFullDiskIsReported) {
 
 } // namespace
 } // namespace Vantor::Sentrix
-
-int main(int argc, char** argv) {
-    using namespace Vantor::Sentrix;
-    if (argc == 3 && std::strcmp(argv[1], "--hold") == 0) {
-        umask(077);
-        const std::string name = argv[2];
-        CreateMutexW(nullptr, TRUE, std::wstring(name.begin(), name.end()).c_str());
-        std::puts("holding");
-        std::fflush(stdout);
-        Sleep(INFINITE);
-    }
-    testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}

@@ -9,67 +9,21 @@
 namespace Vantor::Sentrix {
 namespace {
 
-void QueueItem(std::function<void()> work, ULONG flags = WT_EXECUTEDEFAULT) {
+void QueueItem(std::function<void()> work) {
     auto* const item = new std::function<void()>(std::move(work));
     const auto run = [](void* context) -> DWORD {
         const std::unique_ptr<std::function<void()>> owned(static_cast<std::function<void()>*>(context));
         (*owned)();
         return 0;
     };
-    ASSERT_TRUE(QueueUserWorkItem(run, item, flags)) << GetLastError();
-}
-
-// Opens when that many have arrived.
-class Gate {
-public:
-    explicit Gate(int needed) : m_left(needed) {}
-    void Arrive() {
-        if (--m_left == 0) {
-            SetEvent(m_open);
-        }
-    }
-    bool Await() const { return WaitForSingleObject(m_open, kPatienceMs) == WAIT_OBJECT_0; }
-
-private:
-    std::atomic<int> m_left;
-    const Owned m_open = NewEvent(true);
-};
-
-TEST(ThreadPoolTest, LongItemsAllRunAtOnce) {
-    constexpr int kItems = 64;
-    for (int round = 0; round < 3; ++round) { // from nothing, and with the threads of the round before
-        Gate together(kItems);
-        Gate ended(kItems);
-        for (int i = 0; i < kItems; ++i) {
-            QueueItem(
-                [&] {
-                    together.Arrive();
-                    EXPECT_TRUE(together.Await()) << "the others were not started";
-                    ended.Arrive();
-                },
-                WT_EXECUTELONGFUNCTION);
-        }
-        EXPECT_TRUE(ended.Await());
-    }
-}
-
-TEST(ThreadPoolTest, ItemsQueueItems) {
-    constexpr int kDepth = 11;
-    Gate all((1 << (kDepth + 1)) - 1);
-    std::function<void(int)> grow = [&](int depth) {
-        for (int i = 0; i < 2 && depth > 0; ++i) {
-            QueueItem([&grow, depth] { grow(depth - 1); });
-        }
-        all.Arrive();
-    };
-    QueueItem([&] { grow(kDepth); });
-    EXPECT_TRUE(all.Await());
+    ASSERT_TRUE(QueueUserWorkItem(run, item, WT_EXECUTELONGFUNCTION)) << GetLastError();
 }
 
 TEST(ThreadPoolTest, GrowsToItsBoundAndStartsFirstWhatWasQueuedFirst) {
     constexpr int kBound = 500;
     constexpr int kMore = 100;
-    Gate ended(kBound + kMore);
+    std::atomic<int> left{kBound + kMore};
+    const Owned ended = NewEvent(true);
     const Owned one = NewEvent(false);
     const Owned all = NewEvent(true);
     const Owned begun = NewEvent(false);
@@ -89,14 +43,16 @@ TEST(ThreadPoolTest, GrowsToItsBoundAndStartsFirstWhatWasQueuedFirst) {
             SetEvent(begun);
             EXPECT_NE(WaitForMultipleObjects(2, either, FALSE, kPatienceMs), WAIT_TIMEOUT);
             --running;
-            ended.Arrive();
+            if (--left == 0) {
+                SetEvent(ended);
+            }
         });
     }
     for (int free = 0; free <= kMore; ++free) { // from now on, each that ends lets one start
         awaitStarted(kBound + free);
         SetEvent(free < kMore ? one : all);
     }
-    EXPECT_TRUE(ended.Await());
+    EXPECT_EQ(WaitForSingleObject(ended, kPatienceMs), WAIT_OBJECT_0);
 }
 
 // An item does not depend on what its queuer does next, also when that is a thread that serves a pipe.
@@ -104,9 +60,9 @@ TEST(ThreadPoolTest, AnItemStartsWhateverItsQueuerDoesNext) {
     const Owned port = NewPort();
     const Owned empty = NewPort();
     Connection connection{port};
-    Gate warm(1);
-    QueueItem([&] { warm.Arrive(); });
-    EXPECT_TRUE(warm.Await());
+    const Owned warm = NewEvent(true);
+    QueueItem([&] { SetEvent(warm); });
+    EXPECT_EQ(WaitForSingleObject(warm, kPatienceMs), WAIT_OBJECT_0);
     for (int round = 0; round < 60; ++round) {
         std::atomic<bool> ran{false};
         const Owned runs = NewEvent(true);

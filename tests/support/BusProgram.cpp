@@ -21,26 +21,16 @@ int Host(int /*argument*/) {
     return SleepUntilKilled();
 }
 
-void Answer(const IPCMessageClient& client, const TagIPCMessageItem& request, int uniqMsgId) {
-    TagIPCMessageItem answer = request;
-    answer.toModuleId = request.fromModuleId;
-    answer.msgId = request.replyMsgId == -1 ? request.msgId : request.replyMsgId;
-    answer.uniqMsgId = uniqMsgId;
-    answer.encrypt = request.msgId == kEchoEncrypted;
-    client.PostIPCMessage(answer);
-}
-
-int EchoModule(int moduleId) {
-    IPCMessageClient client(moduleId, false, false);
+int EchoModule(int /*argument*/) {
+    IPCMessageClient client(kEchoModule, false, false);
     const auto answer = [&client](TagIPCMessageItem& item) {
-        if (item.msgId == kEchoTwice) {
-            Answer(client, item, item.uniqMsgId + 1);
-        }
-        Answer(client, item, item.uniqMsgId);
+        item.toModuleId = item.fromModuleId;
+        item.encrypt = item.msgId == kEchoEncrypted;
+        item.msgId = item.replyMsgId == -1 ? item.msgId : item.replyMsgId;
+        client.PostIPCMessage(item);
     };
-    for (const int msgId : {kEcho, kEchoEncrypted, kEchoTwice}) {
-        client.RegisterMessageCallback(msgId, answer);
-    }
+    client.RegisterMessageCallback(kEcho, answer);
+    client.RegisterMessageCallback(kEchoEncrypted, answer);
     client.RegisterMessageCallback(
         kHold, [&client](TagIPCMessageItem& item) { client.PostIPCMessage(Item(item.fromModuleId, kHeld)); });
     SayReady();
@@ -121,21 +111,21 @@ std::string Pattern(std::size_t length, std::uint32_t number) {
 }
 
 std::optional<std::string> Ask(const IPCMessageClient& client, int to, std::string_view body, int uniqMsgId, int msgId,
-                               bool encrypt, unsigned int timeoutMs) {
+                               unsigned int timeoutMs) {
     TagIPCMessageItem request = Item(to, msgId, body, kReplyMsgId, uniqMsgId);
-    request.encrypt = encrypt;
+    request.encrypt = msgId == kEchoEncrypted;
     TagIPCMessageItemRecv answer;
     return client.SendIPCMessage(request, kReplyMsgId, answer, timeoutMs) ? std::optional(answer.data) : std::nullopt;
 }
 
-bool AskUntilAnswered(const IPCMessageClient& client, int to) {
+bool AskUntilAnswered(const IPCMessageClient& client) {
     const auto end = std::chrono::steady_clock::now() + kAwaitLimit;
-    for (int id = -1; !Ask(client, to, "?", id, kEcho, false, kSoonMs); --id) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
+    for (int id = -1; std::chrono::steady_clock::now() < end; --id) {
+        if (Ask(client, kEchoModule, "?", id, kEcho, kSoonMs)) {
+            return true;
         }
     }
-    return true;
+    return false;
 }
 
 } // namespace Vantor::Sentrix

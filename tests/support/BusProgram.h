@@ -15,7 +15,6 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace Vantor::Sentrix {
@@ -23,7 +22,7 @@ namespace Vantor::Sentrix {
 using RoleFunction = int (*)(int argument);
 
 // The programs' common `main` plays the role that is named on the command line, else it runs the tests. Every program
-// knows "host" (serves the bus) and "echo" (the module below; its argument is its id); a static object of this type
+// knows "host" (serves the bus) and "echo" (the module below); a static object of this type
 // adds a role.
 struct RoleDefinition {
     RoleDefinition(const char* name, RoleFunction function);
@@ -48,13 +47,17 @@ private:
     Support::ChildProcess m_process;
 };
 
+// The modules that the tests use.
+inline constexpr int kMe = 0x60000;
+inline constexpr int kOther = 0x60001;
+inline constexpr int kEchoModule = 0x50000;
+
 // Messages that the echo module understands. It answers with the request's reply id, or its own id without one.
 enum EchoMessage : int {
     kEcho = 1,          // the body comes back
     kEchoEncrypted = 2, // the body comes back encrypted
-    kEchoTwice = 3,     // the body comes back twice, the first time as the answer to another request
-    kHold = 4,          // no answer, but the sender gets a kHeld
-    kHeld = 5,
+    kHold = 3,          // no answer, but the sender gets a kHeld
+    kHeld = 4,
 };
 
 inline constexpr unsigned int kNoLimit = 0xFFFFFFFF;
@@ -68,8 +71,15 @@ std::string Pattern(std::size_t length, std::uint32_t number = 0);
 
 // The body of the answer; nothing when there was none.
 std::optional<std::string> Ask(const IPCMessageClient& client, int to, std::string_view body = "?", int uniqMsgId = 0,
-                               int msgId = kEcho, bool encrypt = false, unsigned int timeoutMs = kNoLimit);
-// Asks until somebody is there to answer. While a host comes back, asks may be lost.
-bool AskUntilAnswered(const IPCMessageClient& client, int to);
+                               int msgId = kEcho, unsigned int timeoutMs = kNoLimit);
+// Asks until the echo module is there to answer. While a host comes back, asks may be lost.
+bool AskUntilAnswered(const IPCMessageClient& client);
+
+// A host and an echo module that is reached through it.
+struct Bus {
+    Bus() { EXPECT_TRUE(AskUntilAnswered(IPCMessageClient(kMe, false, false))); }
+    Role host{"host"};
+    Role echo{"echo"};
+};
 
 } // namespace Vantor::Sentrix

@@ -1,14 +1,13 @@
-// The log lines of a test: while one of these lives, the shared logger writes every level into it and nowhere else.
+// The log lines of a test: while it lives the shared logger writes every level into it and nowhere else; then nothing.
 #pragma once
 
 #include "logging/Logger.h"
-#include "tests/support/Await.h"
 
 #include <log4cplus/appender.h>
+#include <log4cplus/helpers/stringhelper.h>
 #include <log4cplus/spi/loggingevent.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -24,16 +23,11 @@ public:
     LogCapture() {
         m_logger.removeAllAppenders();
         m_logger.addAppender(log4cplus::SharedAppenderPtr(m_lines.get()));
-        m_logger.setAdditivity(false);
         m_logger.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
     }
     ~LogCapture() {
+        m_logger.setLogLevel(log4cplus::OFF_LOG_LEVEL);
         m_logger.removeAllAppenders();
-        for (const auto& appender : m_appenders) {
-            m_logger.addAppender(appender);
-        }
-        m_logger.setAdditivity(m_additive);
-        m_logger.setLogLevel(m_level);
     }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
@@ -51,36 +45,19 @@ public:
     }
     int Errors(const std::string& text) const { return Count(log4cplus::ERROR_LOG_LEVEL, text); }
 
-    // Waits until the text has been logged at the level, since the last Take.
-    bool Await(log4cplus::LogLevel level, const std::string& text) const {
-        std::unique_lock lock(m_lines->mutex);
-        return m_lines->grown.wait_for(lock, kAwaitLimit, [&] {
-            return std::find(m_lines->lines.begin(), m_lines->lines.end(), Line(level, text)) != m_lines->lines.end();
-        });
-    }
-
 private:
     struct Lines : log4cplus::Appender {
         ~Lines() override { destructorImpl(); }
         void close() override {}
         void append(const log4cplus::spi::InternalLoggingEvent& event) override {
-            std::string text;
-            for (const auto character : event.getMessage()) {
-                text.push_back(static_cast<char>(character));
-            }
             const std::lock_guard lock(mutex);
-            lines.emplace_back(event.getLogLevel(), std::move(text));
-            grown.notify_all();
+            lines.emplace_back(event.getLogLevel(), LOG4CPLUS_TSTRING_TO_STRING(event.getMessage()));
         }
         std::mutex mutex;
-        std::condition_variable grown;
         std::vector<Line> lines;
     };
 
     log4cplus::Logger& m_logger = GetLogger();
-    const log4cplus::SharedAppenderPtrList m_appenders = m_logger.getAllAppenders();
-    const log4cplus::LogLevel m_level = m_logger.getLogLevel();
-    const bool m_additive = m_logger.getAdditivity();
     log4cplus::helpers::SharedObjectPtr<Lines> m_lines{new Lines};
 };
 

@@ -101,7 +101,8 @@ std::optional<std::string> CutRawFrame(std::string& held, bool& corrupt) {
 
 // ---- The peer ------------------------------------------------------------------------------------------------------
 
-RawPeer::RawPeer() : m_event(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+RawPeer::RawPeer() {
+    m_overlapped.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     // Between the wait and the opening somebody else may take the place.
     while (m_pipe == INVALID_HANDLE_VALUE && WaitNamedPipeW(kPipe, kLimitMs) != FALSE) {
         m_pipe =
@@ -112,7 +113,7 @@ RawPeer::RawPeer() : m_event(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
 
 RawPeer::~RawPeer() {
     Close();
-    CloseHandle(m_event);
+    CloseHandle(m_overlapped.hEvent);
 }
 
 void RawPeer::Close() {
@@ -122,26 +123,18 @@ void RawPeer::Close() {
     }
 }
 
-// The operation ends within the limit, if need be by closing the pipe: its buffer is the caller's.
-bool RawPeer::Complete(BOOL started, OVERLAPPED& overlapped, DWORD& bytes) {
-    if (started == FALSE && GetLastError() != ERROR_IO_PENDING) {
-        return false;
+DWORD RawPeer::Complete(BOOL started) {
+    if (started != FALSE || GetLastError() == ERROR_IO_PENDING) {
+        DWORD bytes = 0;
+        EXPECT_EQ(WaitForSingleObject(m_overlapped.hEvent, kLimitMs), WAIT_OBJECT_0) << "nothing moves on the pipe";
+        return GetOverlappedResult(m_pipe, &m_overlapped, &bytes, FALSE) != FALSE ? bytes : 0;
     }
-    if (WaitForSingleObject(overlapped.hEvent, kLimitMs) != WAIT_OBJECT_0) {
-        ADD_FAILURE() << "nothing moves on the pipe";
-        Close();
-        WaitForSingleObject(overlapped.hEvent, INFINITE);
-        return false;
-    }
-    return GetOverlappedResult(m_pipe, &overlapped, &bytes, FALSE) != FALSE && bytes > 0;
+    return 0;
 }
 
 bool RawPeer::Send(const std::string& bytes) {
-    OVERLAPPED overlapped{};
-    overlapped.hEvent = m_event;
-    DWORD written = 0;
-    const BOOL started = WriteFile(m_pipe, bytes.data(), static_cast<DWORD>(bytes.size()), nullptr, &overlapped);
-    return Complete(started, overlapped, written) && written == bytes.size();
+    const auto size = static_cast<DWORD>(bytes.size());
+    return Complete(WriteFile(m_pipe, bytes.data(), size, nullptr, &m_overlapped)) == size;
 }
 
 bool RawPeer::Register(std::uint32_t pid, const std::string& text) {
@@ -149,30 +142,19 @@ bool RawPeer::Register(std::uint32_t pid, const std::string& text) {
 }
 
 bool RawPeer::ReadMore() {
-    char buffer[16 * 1024];
-    OVERLAPPED overlapped{};
-    overlapped.hEvent = m_event;
-    DWORD got = 0;
-    const BOOL started = ReadFile(m_pipe, buffer, sizeof buffer, nullptr, &overlapped);
-    if (!Complete(started, overlapped, got)) {
-        return false;
-    }
-    m_held.append(buffer, got);
-    return true;
+    const DWORD got = Complete(ReadFile(m_pipe, m_buffer, sizeof m_buffer, nullptr, &m_overlapped));
+    m_held.append(m_buffer, got);
+    return got > 0;
 }
 
 std::optional<std::string> RawPeer::NextFrame() {
-    for (;;) {
-        bool corrupt = false;
-        if (auto frame = CutRawFrame(m_held, corrupt)) {
-            EXPECT_EQ(Crc(frame->substr(kHeaderBytes)), FromBigEndian(frame->substr(8, 4)));
-            return frame;
-        }
-        EXPECT_FALSE(corrupt);
-        if (corrupt || !ReadMore()) {
-            return std::nullopt;
-        }
+    bool corrupt = false;
+    std::optional<std::string> frame;
+    while (!(frame = CutRawFrame(m_held, corrupt)) && !corrupt && ReadMore()) {
     }
+    EXPECT_FALSE(corrupt);
+    EXPECT_TRUE(!frame || Crc(frame->substr(kHeaderBytes)) == FromBigEndian(frame->substr(8, 4)));
+    return frame;
 }
 
 std::string RawPeer::Read(std::size_t count) {

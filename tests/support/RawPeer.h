@@ -59,10 +59,12 @@ public:
 
 private:
     bool ReadMore();
-    bool Complete(BOOL started, OVERLAPPED& overlapped, DWORD& bytes);
+    // The bytes moved by the operation that was started last; 0 when it failed.
+    DWORD Complete(BOOL started);
 
     HANDLE m_pipe = INVALID_HANDLE_VALUE;
-    HANDLE m_event;
+    OVERLAPPED m_overlapped{};
+    char m_buffer[16 * 1024];
     std::string m_held;
 };
 
