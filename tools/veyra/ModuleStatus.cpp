@@ -55,6 +55,11 @@ StatusQuery::StatusQuery(IPCMessageClient& client) : m_client(client), m_answers
     listen(ControlMessage::kModuleOffline, ModuleStatus::Offline);
 }
 
+StatusQuery::~StatusQuery() {
+    m_client.UnRegisterMessageCallback(static_cast<int>(ControlMessage::kModuleOnline));
+    m_client.UnRegisterMessageCallback(static_cast<int>(ControlMessage::kModuleOffline));
+}
+
 ModuleStatus StatusQuery::Ask(std::uint32_t moduleId, std::chrono::milliseconds patience) {
     const auto deadline = Clock::now() + patience;
     auto repeat = Clock::now();

@@ -23,7 +23,10 @@ enum class ModuleStatus { Online, Offline, NoAnswer };
 // Lifetime: the client must outlive it. The client keeps the callbacks, which do nothing more.
 class StatusQuery {
 public:
-    explicit StatusQuery(IPCMessageClient& client);
+    explicit StatusQuery(IPCMessageClient& client); // takes over its callbacks for status notices
+    ~StatusQuery();
+    StatusQuery(const StatusQuery&) = delete;
+    StatusQuery& operator=(const StatusQuery&) = delete;
 
     // The question waits for a connection and is repeated when it may have been lost.
     // Fails: NoAnswer after `patience`, or when the user wants to stop.

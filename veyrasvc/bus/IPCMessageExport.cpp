@@ -155,9 +155,10 @@ void IPCMessageClient::RunJob(const Job& job) noexcept {
     }
 }
 
-bool IPCMessageClient::WantsMessages() {
+// A message without a callback needs a job only where that is logged.
+bool IPCMessageClient::WantsMessage(std::uint32_t msgId) {
     const std::lock_guard guard(m_callbackMutex);
-    return !m_callbacks.empty();
+    return m_callbacks.count(Signed(msgId)) != 0 || (!m_callbacks.empty() && IsLogEnabled(LogLevel::Warn));
 }
 
 bool IPCMessageClient::WantsPublications() {
@@ -169,7 +170,7 @@ IPCMessageClient::IPCMessageClient(int moduleId, bool /*unused*/, bool forwardPo
     : m_moduleId(moduleId), m_lifetime(std::make_shared<Lifetime>()) {
     BaseMessageClient& engine = BaseMessageClient::Instance();
     engine.RegisterClient(this, Unsigned(moduleId), forwardPosts, [this](std::shared_ptr<BasePacket> packet) {
-        if (packet && WantsMessages()) {
+        if (packet && WantsMessage(packet->GetMsgId())) {
             QueueJob(JobKind::Message, std::move(packet));
         }
     });

@@ -131,7 +131,7 @@ private:
     enum class JobKind { Message, Publication };
 
     void QueueJob(JobKind kind, std::shared_ptr<BasePacket> packet);
-    bool WantsMessages();
+    bool WantsMessage(std::uint32_t msgId);
     bool WantsPublications();
     static void RunJob(const Job& job) noexcept;
 

@@ -240,43 +240,51 @@ void BaseMessageClient::RoutePacket(const std::shared_ptr<BasePacket>& packet) {
 
 // ---- Waits ---------------------------------------------------------------------------------------------------------
 
+BaseMessageClient::ReplyWait::ReplyWait(std::uint32_t awaited, std::shared_ptr<BasePacket> sent)
+    : event(CreateEventW(nullptr, TRUE, FALSE, nullptr)), msgId(awaited), uniqMsgId(sent->GetUniqMsgId()),
+      request(std::move(sent)) {}
+
+BaseMessageClient::ReplyWait::~ReplyWait() {
+    CloseHandle(event);
+}
+
 std::shared_ptr<BasePacket> BaseMessageClient::WaitForMessage(std::uint32_t msgId, DWORD timeoutMs,
                                                               const std::shared_ptr<BasePacket>& request) {
-    const std::unique_ptr<ReplyWait> wait(new (std::nothrow) ReplyWait{});
-    if (!wait) {
+    std::shared_ptr<ReplyWait> wait;
+    try {
+        wait = std::make_shared<ReplyWait>(msgId, request);
+        const AutoLock lock(&m_replyWaits);
+        m_replyWaits.m_items.push_back(wait);
+    } catch (const std::bad_alloc&) {
         LOG_ERROR("CReplyWait object alloc failed");
         return nullptr;
     }
-    wait->event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    wait->msgId = msgId;
-    wait->uniqMsgId = request->GetUniqMsgId();
-    wait->request = request;
-    {
-        const AutoLock lock(&m_replyWaits);
-        m_replyWaits.m_items.push_back(wait.get());
-    }
     if (SendPacket(request) && !IsStopped()) {
         LOG_DEBUG("wait for event. msgId=" << msgId << ", uniqMsgId=" << wait->uniqMsgId);
-        if (WaitForSingleObject(wait->event, timeoutMs) == WAIT_OBJECT_0) {
+        const auto answeredWithin = [&wait](DWORD ms) { return WaitForSingleObject(wait->event, ms) == WAIT_OBJECT_0; };
+        if (m_answerSpin.Wait([&] { return answeredWithin(0); }, [&] { return answeredWithin(timeoutMs); })) {
             LOG_DEBUG("success wait for event. msgId=" << msgId << ", uniqMsgId=" << wait->uniqMsgId);
         }
     }
-    {
-        const AutoLock lock(&m_replyWaits);
-        m_replyWaits.m_items.remove(wait.get());
-    }
-    CloseHandle(wait->event);
+    const AutoLock lock(&m_replyWaits);
+    m_replyWaits.m_items.remove(wait);
     return std::move(wait->reply);
 }
 
 void BaseMessageClient::WakeupReplyMsg(const std::shared_ptr<BasePacket>& packet) {
-    const AutoLock lock(&m_replyWaits);
-    for (ReplyWait* wait : m_replyWaits.m_items) {
-        if (auto reply = ReplyFor(*wait, packet)) {
-            wait->reply = std::move(reply);
-            SetEvent(wait->event);
+    std::list<std::shared_ptr<ReplyWait>> answered;
+    {
+        const AutoLock lock(&m_replyWaits);
+        auto& waits = m_replyWaits.m_items;
+        for (auto next = waits.begin(); next != waits.end();) {
+            const auto wait = next++;
+            if (auto reply = ReplyFor(**wait, packet)) {
+                (*wait)->reply = std::move(reply);
+                answered.splice(answered.end(), waits, wait);
+            }
         }
     }
+    Signal(answered);
 }
 
 // What the wait gets out of the packet; null when it waits for something else.
@@ -305,11 +313,19 @@ std::shared_ptr<BasePacket> BaseMessageClient::ReplyFor(const ReplyWait& wait,
 }
 
 void BaseMessageClient::ReleaseWaits() {
-    const AutoLock lock(&m_replyWaits);
-    for (const ReplyWait* wait : m_replyWaits.m_items) {
+    std::list<std::shared_ptr<ReplyWait>> released;
+    {
+        const AutoLock lock(&m_replyWaits);
+        released.swap(m_replyWaits.m_items);
+    }
+    Signal(released);
+}
+
+// Not under the lock, which is the first thing that who wakes up takes.
+void BaseMessageClient::Signal(const std::list<std::shared_ptr<ReplyWait>>& waits) {
+    for (const auto& wait : waits) {
         SetEvent(wait->event);
     }
-    m_replyWaits.m_items.clear();
 }
 
 } // namespace Vantor::Sentrix

@@ -1,26 +1,29 @@
 // The client engine: the one connection of a process to the bus.
 //
 // The road of a frame out: the sender's thread queues it and, when nothing is queued before it and it is short, writes
-// it as well; only what the pipe does not take at once, and long frames, are left to the I/O thread.
+// it as well. What the pipe does not take at once, long frames, and a rush of frames are left to the I/O thread.
 // The road in: the I/O thread reads, cuts frames, decodes and routes. Routing wakes waiting senders and queues work
 // items for callbacks, and never runs foreign code. A long payload, and whatever comes while one is being decoded, goes
 // to the dispatch thread instead, so that reading goes on.
 //
-// Waits are woken exactly once: a ReplyWait is on the list from before its request leaves until its sender takes it
-// off; whoever finds it there (an answer, an offline notice, the end of the connection) stores the outcome and signals
-// under the list's lock.
+// Waits are woken exactly once: a ReplyWait is on the list from before its request leaves; whoever finds it there (an
+// answer, an offline notice, the end of the connection) stores the outcome, takes it off and then signals. What nobody
+// has found by the end of its time the sender takes off.
 #pragma once
 
 #include "veyrasvc/bus/BasePacket.h"
 #include "veyrasvc/bus/Frame.h"
 #include "veyrasvc/bus/NamedPipeIOCP.h"
 #include "veyrasvc/platform/Win32.h"
+#include "veyrasvc/util/AdaptiveSpin.h"
 #include "veyrasvc/util/LockedContainers.h"
 #include "veyrasvc/util/SlimLock.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -91,12 +94,18 @@ public:
     void UpdatePidMid();
 
 private:
+    // Held by the waiting thread, and by whoever wakes it until that is done.
     struct ReplyWait {
-        HANDLE event; // manual-reset; the waiting thread owns it and the record
-        std::uint32_t msgId;
-        std::uint32_t uniqMsgId;
-        std::shared_ptr<BasePacket> reply;
-        std::shared_ptr<BasePacket> request;
+        ReplyWait(std::uint32_t awaited, std::shared_ptr<BasePacket> sent);
+        ~ReplyWait();
+        ReplyWait(const ReplyWait&) = delete;
+        ReplyWait& operator=(const ReplyWait&) = delete;
+
+        const HANDLE event; // manual-reset
+        const std::uint32_t msgId;
+        const std::uint32_t uniqMsgId;
+        std::shared_ptr<BasePacket> reply; // guarded by the list's lock
+        const std::shared_ptr<BasePacket> request;
     };
 
     BaseMessageClient();
@@ -133,11 +142,14 @@ private:
     void DecodeAndRoute(std::string_view frame);
 
     void QueueBytes(std::string frame);
+    bool InRush() VEYRA_REQUIRES(m_sendQueue);
     void RoutePacket(const std::shared_ptr<BasePacket>& packet);
+    static void Signal(const std::list<std::shared_ptr<ReplyWait>>& waits);
     static std::shared_ptr<BasePacket> ReplyFor(const ReplyWait& wait, const std::shared_ptr<BasePacket>& packet);
     bool HasDirectReceiver(std::uint32_t moduleId, bool evenIfForwarded) const;
 
-    LockList<ReplyWait*> m_replyWaits;
+    LockList<std::shared_ptr<ReplyWait>> m_replyWaits;
+    AdaptiveSpin<> m_answerSpin; // of the threads that wait for an answer
     std::atomic<DWORD> m_stop{0};
     CommonLock m_lifecycleLock; // serialises Start and Stop
     HANDLE m_workerThread = nullptr;
@@ -168,6 +180,8 @@ private:
     OVERLAPPED m_writeOverlapped VEYRA_GUARDED_BY(m_sendQueue){};
     std::string m_sendRest VEYRA_GUARDED_BY(m_sendQueue); // the frame that is being written; the write reads from it
     std::size_t m_sendRestOffset VEYRA_GUARDED_BY(m_sendQueue) = 0; // how much of it was handed to the pipe
+    std::chrono::steady_clock::time_point m_lastQueued VEYRA_GUARDED_BY(m_sendQueue); // when a frame came last
+    int m_inRush VEYRA_GUARDED_BY(m_sendQueue) = 0; // frames that have come in close succession
 
     mutable SlimLock m_clientsLock;
     std::vector<std::unique_ptr<ClientEntry>> m_clients VEYRA_GUARDED_BY(m_clientsLock);

@@ -71,7 +71,9 @@ void AskForDescriptors(Sources& sources) {
 void SleepOnce(Waiter& waiter, Sources& sources, std::int64_t timeoutMs) {
     AskForDescriptors(sources);
     if (sources.empty()) {
-        waiter.Sleep(timeoutMs);
+        if (timeoutMs != 0) {
+            waiter.Sleep(timeoutMs);
+        }
         return;
     }
     waiter.SleepPolling(sources, timeoutMs);
