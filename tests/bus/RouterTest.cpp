@@ -70,6 +70,8 @@ protected:
         RawPeer first;
         first.Register(kFirstPid, "");
         EXPECT_TRUE(s_router->m_live.AwaitExactly(2)); // this one, and the bus's own client
+        const auto notice = first.NextFrame();         // its notice comes once it is registered, and no test expects it
+        EXPECT_TRUE(notice && Describe(*notice) == "+65536");
     }
     static void TearDownTestSuite() {
         s_router->Stop();
