@@ -4,10 +4,23 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <cctype>
+#include <string>
 
 namespace Vantor::Sentrix {
 namespace {
+
+std::string WithoutNumbers(const std::string& line) {
+    std::string result;
+    for (const char c : line) {
+        if (std::isdigit(static_cast<unsigned char>(c)) == 0) {
+            result += c;
+        } else if (result.empty() || result.back() != '#') {
+            result += '#';
+        }
+    }
+    return result;
+}
 
 TEST(MemoryReportTest, OneDebugLineNamesTheOccasionAndFourCounters) {
     LogCapture log;
@@ -16,9 +29,9 @@ TEST(MemoryReportTest, OneDebugLineNamesTheOccasionAndFourCounters) {
     const auto lines = log.Take();
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines[0].first, log4cplus::DEBUG_LOG_LEVEL);
-    const std::regex form(R"(\[MemoryInfo\] CheckAccepting WorkingSetSize: \d{6,} QuotaPagedPoolUsage: \d+ )"
-                          R"(QuotaNonPagedPoolUsage: \d+ PagefileUsage: \d{5,})");
-    EXPECT_TRUE(std::regex_match(lines[0].second, form)) << lines[0].second;
+    EXPECT_EQ(WithoutNumbers(lines[0].second), "[MemoryInfo] CheckAccepting WorkingSetSize: # QuotaPagedPoolUsage: # "
+                                               "QuotaNonPagedPoolUsage: # PagefileUsage: #");
+    EXPECT_EQ(lines[0].second.find("WorkingSetSize: 0 "), std::string::npos);
     EXPECT_EQ(lines[1].second.substr(0, 19), "[MemoryInfo] caf? W");
     GetLogger().setLogLevel(log4cplus::INFO_LOG_LEVEL);
     ShowMemory(L"CheckAccepting");
