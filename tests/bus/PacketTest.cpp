@@ -77,7 +77,8 @@ Frames Pieces(const std::string& stream, std::size_t longest, std::mt19937& rand
 std::string Chained(const std::string& padded, std::string chain) {
     std::string cipher;
     for (const char byte : padded) {
-        chain[cipher.size() % 16] ^= byte;
+        char& link = chain[cipher.size() % 16];
+        link = static_cast<char>(link ^ byte);
         cipher.push_back('\0');
         if (cipher.size() % 16 == 0) {
             auto* const block = reinterpret_cast<unsigned char*>(chain.data());

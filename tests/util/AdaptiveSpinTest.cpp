@@ -14,7 +14,7 @@ struct ManualClock {
     using duration = std::chrono::nanoseconds;
     using time_point = std::chrono::time_point<ManualClock, duration>;
     static inline time_point time;
-    static time_point now() { return time; }
+    static time_point now() { return time; } // NOLINT(readability-identifier-naming): what a clock has
 };
 
 using Spin = AdaptiveSpin<ManualClock>;

@@ -34,46 +34,61 @@ Block Allocate(std::size_t size) {
     return Block(static_cast<unsigned char*>(operator new(size, std::nothrow)));
 }
 
-struct KeyOfTheBuild {
-    KeyOfTheBuild() {
+// Null when the system has no such cipher. Never closed: threads may still encrypt while the process ends.
+BCRYPT_ALG_HANDLE AesCbc() {
+    static const BCRYPT_ALG_HANDLE algorithm = [] {
+        BCRYPT_ALG_HANDLE opened = nullptr;
         auto* const mode = reinterpret_cast<PUCHAR>(const_cast<wchar_t*>(BCRYPT_CHAIN_MODE_CBC));
-        if (BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_AES_ALGORITHM, nullptr, 0) < 0 ||
-            BCryptSetProperty(algorithm, BCRYPT_CHAINING_MODE, mode, sizeof BCRYPT_CHAIN_MODE_CBC, 0) < 0 ||
-            BCryptGenerateSymmetricKey(algorithm, &key, nullptr, 0, cipherKey, sizeof cipherKey, 0) < 0) {
-            key = nullptr;
-        }
-    }
-    BCRYPT_ALG_HANDLE algorithm = nullptr;
-    BCRYPT_KEY_HANDLE key = nullptr; // null when the system has no such cipher: every call with it fails
-};
-
-// Never destroyed: threads may still encrypt while the process ends.
-BCRYPT_KEY_HANDLE CipherKey() {
-    static const KeyOfTheBuild made;
-    return made.key;
+        const bool usable = BCryptOpenAlgorithmProvider(&opened, BCRYPT_AES_ALGORITHM, nullptr, 0) >= 0 &&
+                            BCryptSetProperty(opened, BCRYPT_CHAINING_MODE, mode, sizeof BCRYPT_CHAIN_MODE_CBC, 0) >= 0;
+        return usable ? opened : nullptr;
+    }();
+    return algorithm;
 }
 
 using Transform = decltype(&BCryptEncrypt);
 
-// Whole blocks, continuing the chain in `iv`.
-bool RunBlocks(Transform transform, unsigned char* iv, const unsigned char* in, std::size_t length,
-               unsigned char* out) {
-    for (std::size_t done = 0; done < length;) {
-        const auto piece = static_cast<ULONG>(std::min(length - done, kMostBytesPerCall));
-        ULONG written = 0;
-        auto* const from = const_cast<PUCHAR>(in + done); // only read
-        if (transform(CipherKey(), from, piece, nullptr, iv, kCipherBlockSize, out + done, piece, &written, 0) < 0 ||
-            written != piece) {
-            return false;
+// The chain of one message. It has a key object of its own: not every system leaves the chain to the caller's IV alone.
+class Chain {
+public:
+    Chain(Transform transform, const unsigned char* iv) : m_transform(transform) {
+        std::memcpy(m_iv, iv, sizeof m_iv);
+        if (BCryptGenerateSymmetricKey(AesCbc(), &m_key, nullptr, 0, cipherKey, sizeof cipherKey, 0) < 0) {
+            m_key = nullptr; // every call with it fails
         }
-        done += piece;
     }
-    return true;
-}
+    ~Chain() {
+        if (m_key != nullptr) {
+            BCryptDestroyKey(m_key);
+        }
+    }
+    Chain(const Chain&) = delete;
+    Chain& operator=(const Chain&) = delete;
+
+    // Whole blocks, which follow those of the call before.
+    bool Run(const unsigned char* in, std::size_t length, unsigned char* out) {
+        for (std::size_t done = 0; done < length;) {
+            const auto piece = static_cast<ULONG>(std::min(length - done, kMostBytesPerCall));
+            ULONG written = 0;
+            auto* const from = const_cast<PUCHAR>(in + done); // only read
+            if (m_transform(m_key, from, piece, nullptr, m_iv, sizeof m_iv, out + done, piece, &written, 0) < 0 ||
+                written != piece) {
+                return false;
+            }
+            done += piece;
+        }
+        return true;
+    }
+
+private:
+    const Transform m_transform;
+    BCRYPT_KEY_HANDLE m_key = nullptr;
+    unsigned char m_iv[kCipherBlockSize];
+};
 
 int RunOneBlock(Transform transform, const unsigned char* in, unsigned char* out) {
-    unsigned char noChain[kCipherBlockSize] = {};
-    return RunBlocks(transform, noChain, in, kCipherBlockSize, out) ? kDone : kFailed;
+    constexpr unsigned char kNoChain[kCipherBlockSize] = {};
+    return Chain(transform, kNoChain).Run(in, kCipherBlockSize, out) ? kDone : kFailed;
 }
 
 // How many bytes of the last plaintext block are text: 16 less the padding. -1 when the padding is malformed. A final
@@ -151,10 +166,8 @@ int EncryptCbc(const unsigned char* iv, const unsigned char* in, std::size_t len
     unsigned char last[kCipherBlockSize];
     std::memcpy(last, in + whole, rest);
     std::memset(last + rest, pad, pad);
-    unsigned char chain[kCipherBlockSize];
-    std::memcpy(chain, iv, sizeof chain);
-    if (!RunBlocks(&BCryptEncrypt, chain, in, whole, out) ||
-        !RunBlocks(&BCryptEncrypt, chain, last, sizeof last, out + whole)) {
+    Chain chain(&BCryptEncrypt, iv);
+    if (!chain.Run(in, whole, out) || !chain.Run(last, sizeof last, out + whole)) {
         return kFailed;
     }
     *outLength = length + pad;
@@ -167,9 +180,7 @@ int DecryptCbc(const unsigned char* iv, const unsigned char* in, std::size_t len
         outLength == nullptr) {
         return kFailed;
     }
-    unsigned char chain[kCipherBlockSize];
-    std::memcpy(chain, iv, sizeof chain);
-    if (!RunBlocks(&BCryptDecrypt, chain, in, length, out)) {
+    if (!Chain(&BCryptDecrypt, iv).Run(in, length, out)) {
         return kFailed;
     }
     const int text = TextInLastBlock(out + length - kCipherBlockSize);
