@@ -50,29 +50,6 @@ TEST(CompletionPortTest, EveryPostReachesOneOfItsWaitersInOrder) {
     }
 }
 
-TEST(CompletionPortTest, ClosingItEndsTheWaits) {
-    for (int round = 0; round < 50; ++round) {
-        Owned port = NewPort();
-        char byte = 0;
-        OVERLAPPED read{};
-        const Connection connection{port};
-        EXPECT_TRUE(Begun(ReadFile(connection.server, &byte, 1, nullptr, &read)));
-        std::atomic<int> started{0};
-        std::deque<Thread> waiting;
-        for (int i = 0; i < 3; ++i) {
-            waiting.emplace_back([&started, handle = HANDLE{port}] {
-                ++started;
-                const Completion none = Next(handle);
-                EXPECT_TRUE(!none.succeeded && none.error != WAIT_TIMEOUT && none.overlapped == nullptr);
-            });
-        }
-        while (started < 3) {
-            Sleep(0);
-        }
-        port.Close();
-    }
-}
-
 TEST(CompletionPortTest, WhatIsOutstandingFailsOnceWithItsKeyAndOverlapped) {
     struct Case {
         const char* what;

@@ -117,12 +117,12 @@ testing::AssertionResult Refused(bool succeeded) {
 TEST(HandleTest, ACallRefusesAHandleThatIsClosedOrNullOrOfAnotherKind) {
     const Owned event = NewEvent(true);
     const Owned port = NewPort();
-    Owned gone = NewEvent(true);
-    const HANDLE closed = gone;
-    gone.Close();
     char byte = 0;
     EventIo io;
     io.overlapped.hEvent = io.event;
+    Owned gone = NewEvent(true); // the last of all: a new handle may have the value of a closed one
+    const HANDLE closed = gone;
+    gone.Close();
     for (const HANDLE bad : {closed, HANDLE{}}) {
         const HANDLE handles[] = {event, bad};
         EXPECT_TRUE(Refused(CloseHandle(bad) != FALSE));

@@ -125,9 +125,12 @@ public:
         : m_pipe(pipe), m_in(2 * id + 1, total), m_out(2 * id, total) {}
 
     void Run(bool hasSender) {
-        const Thread sender([this, hasSender] {
-            while (hasSender && !m_out.IsAtEnd()) {
+        const Thread sender([this, hasSender] { // it stays for its last write, which would be cancelled with it
+            while (hasSender) {
                 ASSERT_EQ(WaitForSingleObject(m_maySend, kPatienceMs), WAIT_OBJECT_0);
+                if (m_out.IsAtEnd()) {
+                    return;
+                }
                 Write();
             }
         });
@@ -149,7 +152,7 @@ public:
             } else {
                 EXPECT_EQ(bytes, m_piece.size());
                 sending = !m_out.IsAtEnd();
-                sending ? sendMore() : void();
+                sending || hasSender ? sendMore() : void();
             }
         }
     }

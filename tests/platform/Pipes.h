@@ -16,6 +16,9 @@ namespace Vantor::Sentrix {
 // A bound for what must come, far above what it takes: it turns a hang into a failure that says where.
 constexpr DWORD kPatienceMs = 60'000;
 
+// What a pipe takes, each way, without a reader: a write within it is done at once.
+constexpr DWORD kPipeRoom = 64 << 10;
+
 class Owned {
 public:
     explicit Owned(HANDLE handle = nullptr) : m_handle(handle) {}
@@ -98,7 +101,7 @@ inline std::wstring UniquePipeName() {
 inline Owned NewInstance(const std::wstring& name, HANDLE port, OVERLAPPED& accept, ULONG_PTR key = 0,
                          SECURITY_ATTRIBUTES* attributes = nullptr) {
     Owned pipe(CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, PIPE_TYPE_BYTE | PIPE_WAIT,
-                                PIPE_UNLIMITED_INSTANCES, 0, 0, 0, attributes));
+                                PIPE_UNLIMITED_INSTANCES, kPipeRoom, kPipeRoom, 0, attributes));
     EXPECT_NE(pipe, INVALID_HANDLE_VALUE) << GetLastError();
     EXPECT_EQ(CreateIoCompletionPort(pipe, port, key, 0), port);
     accept = {};

@@ -1,10 +1,9 @@
-// What the stand-in owes to the system it stands on: leave nothing behind, let in who may come in.
+// What the stand-in owes to the system it stands on: leave nothing behind, let in who may come in. And what it keeps of
+// Windows although not every Windows does.
+#include "tests/platform/Pipes.h"
 #include "veyrasvc/bus/SecurityAttribute.h"
-#include "veyrasvc/platform/Win32.h"
 #include "veyrasvc/platform/posix/MutexFile.h"
 #include "veyrasvc/platform/posix/SecurityDescriptor.h"
-
-#include <gtest/gtest.h>
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -12,6 +11,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <deque>
 #include <string>
 
 namespace Vantor::Sentrix {
@@ -97,6 +97,29 @@ TEST(PosixExtras, AChildHasTheStreamsItWasGivenAndIsNoZombieWithoutAHandle) {
     EXPECT_FALSE(WriteFile(in, "x", 1, &count, nullptr)) << "and no signal ends the writer";
     CloseHandle(in);
     CloseHandle(out);
+}
+
+TEST(PosixExtras, ClosingAPortEndsTheWaits) {
+    for (int round = 0; round < 50; ++round) {
+        Owned port = NewPort();
+        char byte = 0;
+        OVERLAPPED read{};
+        const Connection connection{port};
+        EXPECT_TRUE(Begun(ReadFile(connection.server, &byte, 1, nullptr, &read)));
+        std::atomic<int> started{0};
+        std::deque<Thread> waiting;
+        for (int i = 0; i < 3; ++i) {
+            waiting.emplace_back([&started, handle = HANDLE{port}] {
+                ++started;
+                const Completion none = Next(handle);
+                EXPECT_TRUE(!none.succeeded && none.error != WAIT_TIMEOUT && none.overlapped == nullptr);
+            });
+        }
+        while (started < 3) {
+            Sleep(0);
+        }
+        port.Close();
+    }
 }
 
 TEST(PosixExtras, AFullDiskIsReported) {

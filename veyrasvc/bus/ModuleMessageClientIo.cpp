@@ -316,7 +316,11 @@ bool BaseMessageClient::OnWriteComplete() {
     DWORD bytes = 0;
     if (GetOverlappedResult(INVALID_HANDLE_VALUE, &m_writeOverlapped, &bytes, TRUE) == FALSE &&
         bytes != m_writeLength) {
-        return false;
+        if (bytes != 0 || GetLastError() != ERROR_OPERATION_ABORTED) {
+            return false;
+        }
+        // The system takes back what a thread has outstanding when it ends, as a sender may: the piece goes again.
+        m_sendRestOffset -= m_writeLength;
     }
     m_writeLength = 0;
     if (m_sendRestOffset == m_sendRest.size()) {
