@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <random>
 #include <vector>
 
@@ -42,7 +43,8 @@ private:
     std::minstd_rand m_random;
 };
 
-// The server's end. Keeps operations outstanding in both directions; they must complete in the order of their start.
+// The server's end. Keeps operations outstanding in both directions. Their bytes are in the order of their start; the
+// port may bring the completions in another.
 // With one a direction, any thread of the port may bring a completion: it may even come before the call that started
 // the operation has returned, and its OVERLAPPED goes at once.
 class PortEnd {
@@ -59,24 +61,17 @@ public:
     }
     // True with the last one.
     bool OnCompletion(const Completion& done) {
-        std::unique_ptr<Operation> operation(reinterpret_cast<Operation*>(done.overlapped));
-        const bool writes = operation->writes;
-        auto& started = writes ? m_writes : m_reads;
-        EXPECT_EQ(started.front(), done.overlapped) << "not in the order of their start";
-        started.pop_front();
-        if (writes) {
-            EXPECT_TRUE(done.succeeded && done.bytes == operation->buffer.size()) << done.error;
-        } else if (done.succeeded) {
-            m_in.Check(operation->buffer.data(), done.bytes);
-        } else {
-            EXPECT_EQ(done.error, ERROR_BROKEN_PIPE);
-            EXPECT_TRUE(m_in.IsAtEnd()) << "bytes were lost before the end";
+        auto* const completed = reinterpret_cast<Operation*>(done.overlapped);
+        completed->done = done;
+        auto& started = completed->writes ? m_writes : m_reads;
+        int ended = 0;
+        while (!started.empty() && started.front()->done) {
+            const std::unique_ptr<Operation> operation = std::move(started.front());
+            started.pop_front();
+            Take(*operation);
+            ++ended;
         }
-        operation.reset();
-        if (done.succeeded) {
-            Begin(writes);
-        }
-        return --m_live == 0;
+        return (m_live -= ended) == 0;
     }
 
     Connection m_connection;
@@ -86,18 +81,33 @@ private:
         OVERLAPPED overlapped{}; // first: a completion names it
         std::vector<char> buffer;
         bool writes = false;
+        std::optional<Completion> done;
     };
+
+    void Take(const Operation& operation) {
+        const Completion& done = *operation.done;
+        if (operation.writes) {
+            EXPECT_TRUE(done.succeeded && done.bytes == operation.buffer.size()) << done.error;
+        } else if (done.succeeded) {
+            m_in.Check(operation.buffer.data(), done.bytes);
+        } else {
+            EXPECT_EQ(done.error, ERROR_BROKEN_PIPE);
+            EXPECT_TRUE(m_in.IsAtEnd()) << "bytes were lost before the end";
+        }
+        if (done.succeeded) {
+            Begin(operation.writes);
+        }
+    }
 
     void Begin(bool writes) {
         if (writes && m_out.IsAtEnd()) {
             return;
         }
-        auto* const operation = new Operation;
+        auto& started = writes ? m_writes : m_reads;
+        Operation* const operation = started.emplace_back(std::make_unique<Operation>()).get();
         operation->writes = writes;
         writes ? m_out.Produce(operation->buffer) : operation->buffer.resize(m_in.NextSize());
         ++m_live;
-        auto& started = writes ? m_writes : m_reads;
-        started.push_back(&operation->overlapped);
         char* const data = operation->buffer.data();
         const auto size = static_cast<DWORD>(operation->buffer.size());
         const HANDLE pipe = m_connection.server;
@@ -106,15 +116,14 @@ private:
             EXPECT_TRUE(!writes && GetLastError() == ERROR_BROKEN_PIPE) << GetLastError();
             started.pop_back();
             --m_live;
-            delete operation;
         }
     }
 
     Stream m_in;
     Stream m_out;
     const int m_outstanding;
-    std::deque<OVERLAPPED*> m_reads;
-    std::deque<OVERLAPPED*> m_writes;
+    std::deque<std::unique_ptr<Operation>> m_reads; // in the order of their start, which is that of the bytes
+    std::deque<std::unique_ptr<Operation>> m_writes;
     std::atomic<int> m_live{0};
 };
 

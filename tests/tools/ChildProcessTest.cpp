@@ -22,8 +22,10 @@ int RunRole(const std::string& role, const Arguments& arguments) {
         return 3;
     }
     if (role == "lines") {
-        std::printf("first\nwindows\r\n\n%s\nunfinished", std::string(10000, 'x').c_str());
-        return 0;
+        const std::string bytes = "first\nwindows\r\n\n" + std::string(10000, 'x') + "\nunfinished";
+        DWORD written = 0;
+        WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
+        return written == bytes.size() ? 0 : 1;
     }
     const std::vector<char> memory(std::stoul(arguments.at(0)), '\1');
     std::puts("holding");

@@ -53,7 +53,7 @@ protected:
         m_name = "veyra-program-test-" + std::to_string(GetCurrentProcessId()) + '-' + std::to_string(++number);
         SetEnvironmentVariableW(L"VEYRASVC_PIPE_NAMESPACE", WideFromUtf8(m_name).c_str());
         SetEnvironmentVariableW(L"VEYRA_LOG_LEVEL", L"FATAL");
-        m_folder = std::filesystem::temp_directory_path() / m_name;
+        m_folder = std::filesystem::temp_directory_path() / PathFromUtf8(m_name + "-\u00e9\u4e2d");
         std::filesystem::create_directory(m_folder);
     }
     ~VeyraProgram() override { std::filesystem::remove_all(m_folder); }

@@ -99,4 +99,8 @@ std::string Utf8FromWide(std::wstring_view text) {
     return narrow;
 }
 
+std::filesystem::path PathFromUtf8(std::string_view text) {
+    return std::u8string(text.begin(), text.end());
+}
+
 } // namespace Vantor::Sentrix::Support

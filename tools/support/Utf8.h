@@ -5,6 +5,7 @@
 // Threads: any.
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -12,5 +13,8 @@ namespace Vantor::Sentrix::Support {
 
 std::wstring WideFromUtf8(std::string_view text);
 std::string Utf8FromWide(std::wstring_view text);
+
+// File names: elsewhere than on Windows any bytes may be one, and stay as they are.
+std::filesystem::path PathFromUtf8(std::string_view text);
 
 } // namespace Vantor::Sentrix::Support

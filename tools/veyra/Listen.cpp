@@ -238,7 +238,7 @@ Verb AddListen(CLI::App& program) {
     reply->type_name("TEXT");
     command->add_flag("--json", options->json, "Print a JSON object for each arrival");
     command->add_option("--out", options->outFolder, "Store the bodies in this folder, as 000001, 000002, ...")
-        ->check(CLI::ExistingDirectory)
+        ->check(ExistingFolder())
         ->type_name("FOLDER");
     command->add_option("--count", options->count, "End after so many arrivals")->type_name("N");
     command->footer(kListenFooter);

@@ -112,19 +112,24 @@ int Post(const MessageOptions& options) {
     }
     IPCMessageClient client(static_cast<int>(options.from), false, false);
     StatusQuery query(client);
+    // Asked before: a module may well leave as soon as it has the message.
+    const bool toEverybody = options.to == ModuleId::kBroadcast;
+    const ModuleStatus status = query.Ask(toEverybody ? ModuleId::kMsgServer : options.to);
+    if (status != ModuleStatus::Online) {
+        Say(status == ModuleStatus::Offline
+                ? "module " + HexId(options.to) + " is offline; nobody has received the message"
+                : "the bus server does not answer; nobody has received the message");
+        return kFailed;
+    }
     if (!client.PostIPCMessage(MakeItem(options, *body))) {
         Say("the message could not be made");
         return kFailed;
     }
-    // The answer proves that the server has routed the message too.
-    const bool toEverybody = options.to == ModuleId::kBroadcast;
-    const ModuleStatus status = query.Ask(toEverybody ? ModuleId::kMsgServer : options.to);
-    if (status == ModuleStatus::NoAnswer) {
+    if (!query.Flush()) {
         Say("the bus server does not answer; the message may not have left");
-    } else if (status == ModuleStatus::Offline) {
-        Say("module " + HexId(options.to) + " is offline; nobody has received the message");
+        return kFailed;
     }
-    return status == ModuleStatus::Online ? kDone : kFailed;
+    return kDone;
 }
 
 int Publish(const MessageOptions& options) {
@@ -154,7 +159,7 @@ void AddMessage(CLI::App& command, const Options& options) {
     command.add_flag("--encrypt", options->encrypt, "Encipher the body on its way");
     CLI::Option* body = command.add_option("body", options->body, "The body; -: standard input, whole");
     command.add_option("--body-file", options->bodyFile, "Take the body from this file")
-        ->check(CLI::ExistingFile)
+        ->check(ExistingFile())
         ->type_name("FILE")
         ->excludes(body);
 }

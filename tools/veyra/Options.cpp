@@ -1,5 +1,6 @@
 #include "tools/veyra/Options.h"
 
+#include "tools/support/Utf8.h"
 #include "tools/veyra/Ids.h"
 
 namespace Vantor::Sentrix::Tool {
@@ -40,6 +41,25 @@ CLI::Option* AddModuleId(CLI::App& command, const std::string& name, std::uint32
 
 CLI::Option* AddMessageId(CLI::App& command, const std::string& name, std::uint32_t& id, const std::string& help) {
     return AddId(command, name, id, help, NormaliseMessageId);
+}
+
+CLI::Validator ExistingFile() {
+    return {[](const std::string& path) {
+                std::error_code error;
+                const auto status = std::filesystem::status(Support::PathFromUtf8(path), error);
+                const bool readable = std::filesystem::exists(status) && !std::filesystem::is_directory(status);
+                return readable ? "" : "'" + path + "' is no file";
+            },
+            ""};
+}
+
+CLI::Validator ExistingFolder() {
+    return {[](const std::string& path) {
+                std::error_code error;
+                const bool found = std::filesystem::is_directory(Support::PathFromUtf8(path), error);
+                return found ? "" : "'" + path + "' is no folder";
+            },
+            ""};
 }
 
 } // namespace Vantor::Sentrix::Tool

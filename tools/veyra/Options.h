@@ -13,4 +13,8 @@ CLI::Option* AddModuleId(CLI::App& command, const std::string& name, std::uint32
 // The same for a message id, which must be deliverable.
 CLI::Option* AddMessageId(CLI::App& command, const std::string& name, std::uint32_t& id, const std::string& help);
 
+// Wrong usage when there is no such file or folder. The parser's own checks know no UTF-8 on Windows.
+CLI::Validator ExistingFile();
+CLI::Validator ExistingFolder();
+
 } // namespace Vantor::Sentrix::Tool

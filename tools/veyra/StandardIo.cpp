@@ -1,5 +1,6 @@
 #include "tools/veyra/StandardIo.h"
 
+#include "tools/support/Utf8.h"
 #include "veyrasvc/platform/Win32.h"
 
 #include <algorithm>
@@ -27,12 +28,28 @@ bool WriteAll(DWORD stream, std::string_view bytes) {
 
 } // namespace
 
+Utf8Console::Utf8Console() : m_before(GetConsoleOutputCP()) {
+    if (m_before != 0) {
+        SetConsoleOutputCP(CP_UTF8);
+    }
+}
+
+Utf8Console::~Utf8Console() {
+    if (m_before != 0) {
+        SetConsoleOutputCP(m_before);
+    }
+}
+
 bool WriteOutput(std::string_view bytes) {
     return WriteAll(STD_OUTPUT_HANDLE, bytes);
 }
 
+void WriteTalk(std::string_view text) {
+    WriteAll(STD_ERROR_HANDLE, text);
+}
+
 void Say(std::string_view text) {
-    WriteAll(STD_ERROR_HANDLE, "veyra: " + std::string(text) + '\n');
+    WriteTalk("veyra: " + std::string(text) + '\n');
 }
 
 std::optional<std::string> ReadInput(std::size_t limit) {
@@ -60,7 +77,7 @@ std::optional<std::string> ReadInput(std::size_t limit) {
 }
 
 std::optional<std::string> ReadFileBytes(const std::string& path, std::size_t limit) {
-    std::ifstream file(path, std::ios::binary | std::ios::ate);
+    std::ifstream file(Support::PathFromUtf8(path), std::ios::binary | std::ios::ate);
     const std::streamoff size = file.tellg();
     if (!file || size < 0 || static_cast<std::size_t>(size) > limit) {
         return std::nullopt;
@@ -72,7 +89,7 @@ std::optional<std::string> ReadFileBytes(const std::string& path, std::size_t li
 }
 
 bool WriteFileBytes(const std::string& path, std::string_view bytes) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    std::ofstream file(Support::PathFromUtf8(path), std::ios::binary | std::ios::trunc);
     file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     file.close();
     return file.good();

@@ -9,10 +9,23 @@
 
 namespace Vantor::Sentrix::Tool {
 
+// While it lives, a console shows what is written as the UTF-8 that it is. Without a console it does nothing.
+class Utf8Console {
+public:
+    Utf8Console();
+    ~Utf8Console();
+    Utf8Console(const Utf8Console&) = delete;
+    Utf8Console& operator=(const Utf8Console&) = delete;
+
+private:
+    const unsigned int m_before; // 0: there is no console
+};
+
 // Data goes to standard output. Fails: false when it takes no more.
 bool WriteOutput(std::string_view bytes);
 
-// Talk goes to standard error: "veyra: TEXT" on a line of its own.
+// Talk goes to standard error: as it is, or "veyra: TEXT" on a line of its own.
+void WriteTalk(std::string_view text);
 void Say(std::string_view text);
 
 // All of standard input. Fails: nothing when it cannot be read or holds more than `limit` bytes.

@@ -1,26 +1,31 @@
 #include "tools/veyra/Stop.h"
 
+#include "veyrasvc/platform/Win32.h"
+
 #include <atomic>
-#include <csignal>
-#include <thread>
 
 namespace Vantor::Sentrix::Tool {
 
 namespace {
 
-// A signal handler may do no more than this: it has no way of waking a thread that every system allows it.
 std::atomic<bool> asked{false};
-static_assert(std::atomic<bool>::is_always_lock_free);
 
-void OnSignal(int /*signal*/) {
+// Runs on a thread of its own.
+BOOL OnEvent(DWORD event) {
     asked.store(true);
+    asked.notify_all();
+    // When the console closes or the system goes down, the process ends as soon as this returns; left to itself it
+    // ends in order.
+    if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
+        Sleep(INFINITE);
+    }
+    return TRUE;
 }
 
 } // namespace
 
 void CatchStopSignals() {
-    std::signal(SIGINT, OnSignal);
-    std::signal(SIGTERM, OnSignal);
+    SetConsoleCtrlHandler(OnEvent, TRUE);
 }
 
 bool StopAsked() {
@@ -28,9 +33,7 @@ bool StopAsked() {
 }
 
 void AwaitStop() {
-    while (!StopAsked()) {
-        std::this_thread::sleep_for(kStopCheckInterval);
-    }
+    asked.wait(false);
 }
 
 } // namespace Vantor::Sentrix::Tool

@@ -1,4 +1,4 @@
-// Ctrl-C, SIGINT and SIGTERM as a wish to stop, for the verbs that run until somebody ends them.
+// Ctrl-C, Ctrl-Break, SIGTERM, a console that closes: a wish to stop, for the verbs that run until somebody ends them.
 // Threads: any.
 #pragma once
 
@@ -6,7 +6,7 @@
 
 namespace Vantor::Sentrix::Tool {
 
-// From now on the signals no longer end the process but set StopAsked().
+// From now on these no longer end the process but set StopAsked(). Requires: called once.
 void CatchStopSignals();
 
 bool StopAsked();
@@ -14,7 +14,7 @@ bool StopAsked();
 // How often a wait for something else has to look at StopAsked().
 inline constexpr std::chrono::milliseconds kStopCheckInterval{100};
 
-// Returns soon after StopAsked() became true.
+// Returns when StopAsked() has become true.
 void AwaitStop();
 
 } // namespace Vantor::Sentrix::Tool

@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <exception>
+#include <sstream>
 #include <vector>
 
 namespace Vantor::Sentrix::Tool {
@@ -29,7 +30,12 @@ int Parse(CLI::App& program, int argc, char** argv) {
         program.parse(argc, argv);
         return kDone;
     } catch (const CLI::ParseError& error) {
-        return program.exit(error) == 0 ? -1 : kWrongUsage; // -1: help was asked for and given
+        std::ostringstream help;
+        std::ostringstream fault;
+        const int code = program.exit(error, help, fault);
+        WriteOutput(help.str());
+        WriteTalk(fault.str());
+        return code == 0 ? -1 : kWrongUsage; // -1: help was asked for and given
     }
 }
 
@@ -46,6 +52,7 @@ int Run(int argc, char** argv) {
     CLI::App program("Serves and uses the message bus of this machine.", "veyra");
     program.footer(kFooter);
     program.require_subcommand(1);
+    program.allow_windows_style_options(false); // a body or a path may begin with a slash, on every system
     const std::vector<Verb> verbs = {AddServe(program),   AddSend(program),       AddPost(program),
                                      AddPublish(program), AddListen(program),     AddStatus(program),
                                      AddBench(program),   AddBenchWorker(program)};
@@ -65,6 +72,7 @@ int Run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     using namespace Vantor::Sentrix::Tool;
+    const Utf8Console console;
     try {
         return Run(argc, argv);
     } catch (const std::exception& error) {

@@ -60,12 +60,12 @@ template <class Answer> void CopyIds(Answer& answer, const TagIPCMessageItem& it
 // ---- Jobs and the life of their client -----------------------------------------------------------------------------
 
 // Outlives the client for as long as a job holds it, and knows whether the client is still there.
-class IPCMessageClient::Lifetime {
+class ClientLifetime {
 public:
     // One job's stay with the client. Entered() is false when the client is gone.
     class Visit {
     public:
-        explicit Visit(Lifetime& lifetime) : m_lifetime(lifetime), m_outer(s_innermost) {
+        explicit Visit(ClientLifetime& lifetime) : m_lifetime(lifetime), m_outer(s_innermost) {
             const std::lock_guard guard(lifetime.m_mutex);
             m_entered = !lifetime.m_closed;
             lifetime.m_visits += m_entered ? 1 : 0;
@@ -85,8 +85,8 @@ public:
         bool Entered() const { return m_entered; }
 
     private:
-        friend class Lifetime;
-        Lifetime& m_lifetime;
+        friend class ClientLifetime;
+        ClientLifetime& m_lifetime;
         Visit* const m_outer; // of the same thread
         bool m_entered;
     };
@@ -113,10 +113,10 @@ private:
     int m_visits = 0;
 };
 
-thread_local IPCMessageClient::Lifetime::Visit* IPCMessageClient::Lifetime::s_innermost = nullptr;
+thread_local ClientLifetime::Visit* ClientLifetime::s_innermost = nullptr;
 
 struct IPCMessageClient::Job {
-    std::shared_ptr<Lifetime> lifetime;
+    std::shared_ptr<ClientLifetime> lifetime;
     IPCMessageClient* client; // valid inside a visit
     JobKind kind;
     std::shared_ptr<BasePacket> packet;
@@ -138,7 +138,7 @@ void IPCMessageClient::QueueJob(JobKind kind, std::shared_ptr<BasePacket> packet
 }
 
 void IPCMessageClient::RunJob(const Job& job) noexcept {
-    const Lifetime::Visit visit(*job.lifetime);
+    const ClientLifetime::Visit visit(*job.lifetime);
     if (!visit.Entered() || BaseMessageClient::Instance().IsStopped()) {
         return;
     }
@@ -167,7 +167,7 @@ bool IPCMessageClient::WantsPublications() {
 }
 
 IPCMessageClient::IPCMessageClient(int moduleId, bool /*unused*/, bool forwardPosts)
-    : m_moduleId(moduleId), m_lifetime(std::make_shared<Lifetime>()) {
+    : m_moduleId(moduleId), m_lifetime(std::make_shared<ClientLifetime>()) {
     BaseMessageClient& engine = BaseMessageClient::Instance();
     engine.RegisterClient(this, Unsigned(moduleId), forwardPosts, [this](std::shared_ptr<BasePacket> packet) {
         if (packet && WantsMessage(packet->GetMsgId())) {

@@ -23,6 +23,7 @@
 namespace Vantor::Sentrix {
 
 class BasePacket;
+class ClientLifetime;
 class ModuleMessageServer;
 
 // One message. Integers travel as 32 bits; -1 stands for "none".
@@ -126,7 +127,6 @@ protected:
     void OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> packet);
 
 private:
-    class Lifetime;
     struct Job;
     enum class JobKind { Message, Publication };
 
@@ -141,7 +141,7 @@ private:
     std::recursive_mutex m_callbackMutex;                                 // guards the two above
     std::recursive_mutex m_subscribeMutex;                                // guards the subscriptions
     std::vector<std::pair<std::uint32_t, std::uint32_t>> m_subscriptions; // module and message id; message 0: any
-    std::shared_ptr<Lifetime> m_lifetime;                                 // shared with the jobs of this client
+    std::shared_ptr<ClientLifetime> m_lifetime;                           // shared with the jobs of this client
 };
 
 // Ends this process's connection for good: what is not sent yet is discarded, waits end without an answer, and no

@@ -224,7 +224,7 @@ private:
 //   int, unsigned int       4 bytes; a bool is written as the int 0 or 1
 //   64-bit integers         8 bytes
 //   std::string             length in bytes, then the bytes
-//   std::wstring            length in bytes, then UTF-16 units of 2 bytes each
+//   std::wstring            length in bytes, then UTF-16 units of 2 bytes each, big-endian too
 //   float                   its text with six decimals, as a std::string
 //   FILETIME                low half, high half
 //   vectors                 number of elements, then each

@@ -4,8 +4,6 @@
 #include "tools/veyra/Stop.h"
 #include "veyrasvc/platform/Win32.h"
 
-#include <filesystem>
-
 namespace Vantor::Sentrix::Tool {
 
 namespace {
@@ -72,7 +70,7 @@ std::vector<std::string> FloorRole(const std::string& role, const Settings& sett
 }
 
 std::string FloorProgram() {
-    const auto path = std::filesystem::u8path(Support::OwnProgramPath()).replace_filename("veyra-floor");
+    const auto path = Support::PathFromUtf8(Support::OwnProgramPath()).replace_filename("veyra-floor");
     std::error_code error;
     return std::filesystem::is_regular_file(path, error) ? path.string() : std::string();
 }

@@ -355,6 +355,19 @@ HANDLE GetStdHandle(DWORD which);
 DWORD GetModuleFileNameW(HANDLE module, LPWSTR path, DWORD size);
 BOOL SetEnvironmentVariableW(LPCWSTR name, LPCWSTR value);
 
+// ---- Console -------------------------------------------------------------------------------------------------------
+
+using PHANDLER_ROUTINE = BOOL (*)(DWORD event);
+
+constexpr DWORD CTRL_C_EVENT = 0;
+constexpr DWORD CTRL_BREAK_EVENT = 1;
+constexpr DWORD CTRL_SHUTDOWN_EVENT = 6;
+constexpr UINT CP_UTF8 = 65001;
+
+BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE routine, BOOL add);
+UINT GetConsoleOutputCP();
+BOOL SetConsoleOutputCP(UINT codePage);
+
 // NOLINTEND(readability-identifier-naming)
 
 } // namespace Vantor::Sentrix::Platform
