@@ -178,7 +178,7 @@ TEST(PipeServerTest, StartAndStopManyTimesLeaveNothingBehind) {
             before = OpenDescriptors(); // what is set up once is set up
         }
     }
-    EXPECT_EQ(OpenDescriptors(), before);
+    EXPECT_LE(OpenDescriptors(), before);
     EXPECT_EQ(server.m_closes.Value(), server.m_connections.Value());
 }
 
