@@ -1,6 +1,7 @@
 # The libraries the project stands on, as imported targets. All come from the system's package manager.
 find_package(Threads REQUIRED)
 find_package(log4cplus REQUIRED)
+find_package(jsoncpp REQUIRED)
 if(NOT WIN32)
   find_package(OpenSSL REQUIRED COMPONENTS Crypto)
 endif()

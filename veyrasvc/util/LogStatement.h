@@ -27,19 +27,29 @@ void EmitLog(LogLevel level, const std::ostringstream& text, const char* file, i
 
 } // namespace Vantor::Sentrix
 
-#define SENTRIX_LOG(level, expression)                                                                                 \
+#define SENTRIX_LOG_FROM(level, file, line, function, expression)                                                      \
     do {                                                                                                               \
         if (::Vantor::Sentrix::IsLogEnabled(level)) {                                                                  \
             try {                                                                                                      \
                 std::ostringstream sentrixLogText = ::Vantor::Sentrix::ComposeLogText();                               \
                 sentrixLogText << expression; /* NOLINT(bugprone-macro-parentheses): a chain of << */                  \
-                ::Vantor::Sentrix::EmitLog(level, sentrixLogText, __FILE__, __LINE__, VEYRASVC_FUNCTION_SIGNATURE);    \
+                ::Vantor::Sentrix::EmitLog(level, sentrixLogText, file, line, function);                               \
             } catch (...) { /* NOLINT(bugprone-empty-catch) */                                                         \
             }                                                                                                          \
         }                                                                                                              \
     } while (false)
 
+#define SENTRIX_LOG(level, expression)                                                                                 \
+    SENTRIX_LOG_FROM(level, __FILE__, __LINE__, VEYRASVC_FUNCTION_SIGNATURE, expression)
+
 #define LOG_DEBUG(expression) SENTRIX_LOG(::Vantor::Sentrix::LogLevel::Debug, expression)
 #define LOG_INFO(expression) SENTRIX_LOG(::Vantor::Sentrix::LogLevel::Info, expression)
 #define LOG_WARN(expression) SENTRIX_LOG(::Vantor::Sentrix::LogLevel::Warn, expression)
 #define LOG_ERROR(expression) SENTRIX_LOG(::Vantor::Sentrix::LogLevel::Error, expression)
+
+// In a helper, with the std::source_location of the operation that it serves.
+#define SENTRIX_LOG_AT(level, where, expression)                                                                       \
+    SENTRIX_LOG_FROM(level, (where).file_name(), static_cast<int>((where).line()), (where).function_name(), expression)
+#define LOG_DEBUG_AT(where, expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Debug, where, expression)
+#define LOG_WARN_AT(where, expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Warn, where, expression)
+#define LOG_ERROR_AT(where, expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Error, where, expression)

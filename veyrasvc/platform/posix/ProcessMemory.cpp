@@ -1,39 +1,13 @@
 // K32GetProcessMemoryInfo, from what the kernel counts for a process.
+#include "veyrasvc/platform/posix/KernelText.h"
 #include "veyrasvc/platform/posix/Process.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdlib>
 #include <string>
-#include <string_view>
 
 namespace Vantor::Sentrix::Platform {
 
 namespace {
-
-constexpr SIZE_T kBytesPerKilobyte = 1024;
-
-bool ReadWhole(const std::string& path, std::string& text) {
-    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    char buffer[4096];
-    ssize_t got = file.Valid() ? 1 : -1;
-    while (got > 0 || (got < 0 && errno == EINTR)) {
-        got = read(file.Get(), buffer, sizeof buffer);
-        text.append(buffer, got > 0 ? static_cast<std::size_t>(got) : 0);
-    }
-    return got == 0;
-}
-
-// The bytes behind "Name:   1234 kB"; 0 when the kernel does not count that, as for a process that has ended.
-SIZE_T Bytes(std::string_view status, std::string_view name) {
-    const std::string line = "\n" + std::string(name) + ":";
-    const auto at = status.find(line);
-    return at == std::string_view::npos
-               ? 0
-               : std::strtoull(status.data() + at + line.size(), nullptr, 10) * kBytesPerKilobyte;
-}
 
 // Fields 10 and 12 of the stat line; counted behind the program's name, which may hold anything.
 DWORD PageFaults(const std::string& stat) {
@@ -59,15 +33,15 @@ void Fill(PROCESS_MEMORY_COUNTERS& counters, const std::string& status, const st
     counters = {};
     counters.cb = sizeof counters;
     counters.PageFaultCount = PageFaults(stat);
-    counters.WorkingSetSize = Bytes(status, "VmRSS");
-    counters.PeakWorkingSetSize = Bytes(status, "VmHWM");
+    counters.WorkingSetSize = BytesOf(status, "VmRSS");
+    counters.PeakWorkingSetSize = BytesOf(status, "VmHWM");
     // Kernel memory held for the process: its page tables may be counted as paged, pinned pages are not.
-    counters.QuotaPagedPoolUsage = Bytes(status, "VmPTE");
+    counters.QuotaPagedPoolUsage = BytesOf(status, "VmPTE");
     counters.QuotaPeakPagedPoolUsage = counters.QuotaPagedPoolUsage;
-    counters.QuotaNonPagedPoolUsage = Bytes(status, "VmPin");
+    counters.QuotaNonPagedPoolUsage = BytesOf(status, "VmPin");
     counters.QuotaPeakNonPagedPoolUsage = counters.QuotaNonPagedPoolUsage;
     // What would have to go to swap: the private pages.
-    counters.PagefileUsage = Bytes(status, "RssAnon") + Bytes(status, "VmSwap");
+    counters.PagefileUsage = BytesOf(status, "RssAnon") + BytesOf(status, "VmSwap");
     counters.PeakPagefileUsage = counters.PagefileUsage;
 }
 

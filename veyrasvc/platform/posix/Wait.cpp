@@ -36,6 +36,10 @@ std::int64_t MonotonicMs() {
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
+DWORD GetTickCount() {
+    return static_cast<DWORD>(MonotonicMs()); // wraps around every 49.7 days
+}
+
 Deadline::Deadline(DWORD milliseconds) : m_end(milliseconds == INFINITE ? -1 : MonotonicMs() + milliseconds) {}
 
 std::int64_t Deadline::Remaining() const {

@@ -133,6 +133,7 @@ HANDLE CreateThread(SECURITY_ATTRIBUTES* attributes, SIZE_T stackSize, LPTHREAD_
 DWORD GetCurrentThreadId();
 DWORD GetCurrentProcessId();
 void Sleep(DWORD milliseconds);
+DWORD GetTickCount();
 BOOL QueueUserWorkItem(LPTHREAD_START_ROUTINE function, void* context, ULONG flags);
 
 // ---- Locks ---------------------------------------------------------------------------------------------------------
@@ -354,6 +355,63 @@ BOOL SetHandleInformation(HANDLE handle, DWORD mask, DWORD flags);
 HANDLE GetStdHandle(DWORD which);
 DWORD GetModuleFileNameW(HANDLE module, LPWSTR path, DWORD size);
 BOOL SetEnvironmentVariableW(LPCWSTR name, LPCWSTR value);
+
+// ---- Accounts ------------------------------------------------------------------------------------------------------
+
+constexpr DWORD TOKEN_QUERY = 8;
+constexpr DWORD OWNER_SECURITY_INFORMATION = 1;
+
+enum TOKEN_INFORMATION_CLASS { TokenUser = 1 };
+enum SE_OBJECT_TYPE { SE_UNKNOWN_OBJECT_TYPE, SE_FILE_OBJECT };
+
+struct SID_AND_ATTRIBUTES {
+    PSID Sid;
+    DWORD Attributes;
+};
+
+struct TOKEN_USER {
+    SID_AND_ATTRIBUTES User;
+};
+
+BOOL OpenProcessToken(HANDLE process, DWORD access, HANDLE* token);
+BOOL GetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS what, void* buffer, DWORD size, DWORD* needed);
+DWORD GetNamedSecurityInfoW(LPCWSTR name, SE_OBJECT_TYPE type, DWORD what, PSID* owner, PSID* group, PACL* accessList,
+                            PACL* systemList, PSECURITY_DESCRIPTOR* descriptor);
+BOOL EqualSid(PSID a, PSID b);
+
+// ---- The machine ---------------------------------------------------------------------------------------------------
+
+struct MEMORYSTATUSEX {
+    DWORD dwLength;
+    DWORD dwMemoryLoad; // percent
+    std::uint64_t ullTotalPhys;
+    std::uint64_t ullAvailPhys;
+    std::uint64_t ullTotalPageFile;
+    std::uint64_t ullAvailPageFile;
+    std::uint64_t ullTotalVirtual;
+    std::uint64_t ullAvailVirtual;
+    std::uint64_t ullAvailExtendedVirtual;
+};
+static_assert(sizeof(MEMORYSTATUSEX) == 64);
+
+struct SYSTEM_POWER_STATUS {
+    BYTE ACLineStatus;
+    BYTE BatteryFlag;
+    BYTE BatteryLifePercent;
+    BYTE SystemStatusFlag;
+    DWORD BatteryLifeTime;
+    DWORD BatteryFullLifeTime;
+};
+static_assert(sizeof(SYSTEM_POWER_STATUS) == 12);
+
+constexpr UINT DRIVE_NO_ROOT_DIR = 1;
+constexpr UINT DRIVE_FIXED = 3;
+
+BOOL GlobalMemoryStatusEx(MEMORYSTATUSEX* status);
+BOOL GetSystemTimes(FILETIME* idle, FILETIME* kernel, FILETIME* user);
+BOOL GetSystemPowerStatus(SYSTEM_POWER_STATUS* status);
+DWORD GetLogicalDrives();
+UINT GetDriveTypeW(LPCWSTR root);
 
 // ---- Console -------------------------------------------------------------------------------------------------------
 

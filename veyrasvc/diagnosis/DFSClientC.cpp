@@ -1,0 +1,181 @@
+#include "veyrasvc/diagnosis/DFSClientC.h"
+
+#include "veyrasvc/diagnosis/DFSClient.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <new>
+#include <string_view>
+
+using Vantor::Sentrix::DFSClient;
+using Vantor::Sentrix::DiagnosisDeviceInfo;
+
+namespace {
+
+// Final, so that it may be deleted although its base has no virtual destructor.
+struct Client final : DFSClient {
+    using DFSClient::DFSClient;
+};
+
+} // namespace
+
+struct DFSClientCell {
+    Client* client;
+};
+
+namespace {
+
+constexpr int kMissingArgument = -1;
+constexpr std::size_t kItemSize = 199; // of the bytes that are written into a DFS_TEXT_SIZE field
+
+static_assert(offsetof(CDiagnosisDeviceInfo, operationType) == 200);
+static_assert(offsetof(CDiagnosisDeviceInfo, deviceId) == 204);
+static_assert(offsetof(CDiagnosisDeviceInfo, trelixVersion) == 804);
+static_assert(offsetof(CStringList, count) == 10000);
+
+DFSClient* ClientOf(DFSClientHandle handle) {
+    return handle == nullptr ? nullptr : handle->client;
+}
+
+template <std::size_t Size> std::string TextOf(const char (&field)[Size]) {
+    return {field, strnlen(field, Size)};
+}
+
+std::shared_ptr<DiagnosisDeviceInfo> DeviceOf(const CDiagnosisDeviceInfo& info) {
+    auto device = std::make_shared<DiagnosisDeviceInfo>(TextOf(info.deviceType), info.operationType);
+    device->SetRemoteDeviceInfo(TextOf(info.deviceId), TextOf(info.packageName), TextOf(info.authTag),
+                                info.trelixVersion);
+    return device;
+}
+
+std::list<std::string> ItemsOf(const CStringList& list) {
+    std::list<std::string> items;
+    const auto count = std::min<std::int32_t>(list.count, DFS_MAX_ITEMS);
+    for (std::int32_t i = 0; i < count; ++i) {
+        items.push_back(TextOf(list.items[i]));
+    }
+    return items;
+}
+
+// The longest front of the text that takes at most `most` bytes and ends with a whole character.
+std::string_view FrontOf(std::string_view text, std::size_t most) {
+    const auto continues = [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; };
+    std::size_t end = std::min(text.size(), most);
+    while (end > 0 && end < text.size() && continues(text[end])) {
+        --end;
+    }
+    return text.substr(0, end);
+}
+
+void CopyOut(const std::string& text, char* out, std::size_t size) {
+    const std::string_view front = FrontOf(text, size - 1);
+    std::memcpy(out, front.data(), front.size());
+    out[front.size()] = '\0';
+}
+
+void CopyOut(const std::list<std::string>& texts, CStringList& out) {
+    out.count = 0;
+    for (const std::string& text : texts) {
+        if (out.count == DFS_MAX_ITEMS) {
+            return;
+        }
+        CopyOut(text, out.items[out.count], kItemSize);
+        ++out.count;
+    }
+}
+
+} // namespace
+
+DFSClientHandle DFSClientCreate(int moduleId) {
+    std::unique_ptr<DFSClientCell> cell(new (std::nothrow) DFSClientCell{nullptr});
+    if (!cell) {
+        return nullptr;
+    }
+    cell->client = new (std::nothrow) Client(moduleId);
+    return cell->client == nullptr ? nullptr : cell.release();
+}
+
+void DFSClientDestroy(DFSClientHandle handle) {
+    if (handle != nullptr) {
+        delete handle->client;
+        delete handle;
+    }
+}
+
+int CGetSdkVersion(DFSClientHandle handle, char* version) {
+    DFSClient* const client = ClientOf(handle);
+    if (client == nullptr || version == nullptr) {
+        return kMissingArgument;
+    }
+    CopyOut(client->GetSdkVersion(), version, DFS_VERSION_SIZE);
+    return 0;
+}
+
+int CGetDetectCapability(DFSClientHandle handle, const CDiagnosisDeviceInfo* deviceInfo, CStringList* capability) {
+    DFSClient* const client = ClientOf(handle);
+    if (client == nullptr || deviceInfo == nullptr || capability == nullptr) {
+        return kMissingArgument;
+    }
+    CopyOut(client->GetDetectCapability(DeviceOf(*deviceInfo)), *capability);
+    return 0;
+}
+
+int CGetRepairCapability(DFSClientHandle handle, const CDiagnosisDeviceInfo* deviceInfo, CStringList* capability) {
+    DFSClient* const client = ClientOf(handle);
+    if (client == nullptr || deviceInfo == nullptr || capability == nullptr) {
+        return kMissingArgument;
+    }
+    CopyOut(client->GetRepairCapability(DeviceOf(*deviceInfo)), *capability);
+    return 0;
+}
+
+int CGetFaultInfobyId(DFSClientHandle handle, int eventId, std::int64_t startTime, std::int64_t endTime,
+                      const char* eventType, const char* eventProvider, char* faultInfo) {
+    DFSClient* const client = ClientOf(handle);
+    if (client == nullptr || eventType == nullptr || eventProvider == nullptr || faultInfo == nullptr) {
+        return kMissingArgument;
+    }
+    CopyOut(client->GetFaultInfobyId(eventId, startTime, endTime, eventType, eventProvider), faultInfo,
+            DFS_FAULT_INFO_SIZE);
+    return 0;
+}
+
+int CStartDetection(DFSClientHandle handle, const CStringList* operationItems, int operationScene,
+                    const CDiagnosisDeviceInfo* deviceInfo) {
+    DFSClient* const client = ClientOf(handle);
+    if (client == nullptr || operationItems == nullptr || deviceInfo == nullptr) {
+        return kMissingArgument;
+    }
+    return client->StartDetection(ItemsOf(*operationItems), operationScene, DeviceOf(*deviceInfo));
+}
+
+int CCancelDetection(DFSClientHandle handle, const CDiagnosisDeviceInfo* deviceInfo) {
+    DFSClient* const client = ClientOf(handle);
+    if (client == nullptr || deviceInfo == nullptr) {
+        return kMissingArgument;
+    }
+    return client->CancelDetection(DeviceOf(*deviceInfo));
+}
+
+int CStartRepair(DFSClientHandle handle, const CStringList* operationItems, int operationScene,
+                 const CDiagnosisDeviceInfo* deviceInfo) {
+    DFSClient* const client = ClientOf(handle);
+    if (client == nullptr || operationItems == nullptr || deviceInfo == nullptr) {
+        return kMissingArgument;
+    }
+    return client->StartRepair(ItemsOf(*operationItems), operationScene, DeviceOf(*deviceInfo));
+}
+
+int CCancelRepair(DFSClientHandle handle, const CDiagnosisDeviceInfo* deviceInfo) {
+    DFSClient* const client = ClientOf(handle);
+    if (client == nullptr || deviceInfo == nullptr) {
+        return kMissingArgument;
+    }
+    return client->CancelRepair(DeviceOf(*deviceInfo));
+}
+
+int CCancelNotify(DFSClientHandle handle, const char* text) {
+    DFSClient* const client = ClientOf(handle);
+    return client == nullptr ? kMissingArgument : client->CancelNotify(text);
+}
