@@ -7,6 +7,11 @@ set(public_headers
   logging/Logger.h
   veyrasvc/bus/IPCMessageExport.h
   veyrasvc/bus/ModuleId.h
+  veyrasvc/diagnosis/BSODClient.h
+  veyrasvc/diagnosis/DFSClient.h
+  veyrasvc/diagnosis/DFSClientC.h
+  veyrasvc/diagnosis/DetectParamDecoration.h
+  veyrasvc/diagnosis/DiagnosisDeviceInfo.h
   veyrasvc/platform/Export.h
   veyrasvc/platform/Win32.h
   veyrasvc/stream/SimpleStream.h
@@ -24,9 +29,9 @@ set_target_properties(veyrasvc_logging PROPERTIES EXPORT_NAME logging)
 install(TARGETS veyrasvc veyrasvc_logging EXPORT veyrasvcTargets)
 # An installed program finds the libraries it was installed with, wherever that is.
 file(RELATIVE_PATH library_path /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
-set_target_properties(veyra PROPERTIES INSTALL_RPATH "$ORIGIN/${library_path}")
+set_target_properties(veyra veyra-diagnosisd veyra-crashdumpd PROPERTIES INSTALL_RPATH "$ORIGIN/${library_path}")
 set_target_properties(veyrasvc veyrasvc_logging PROPERTIES INSTALL_RPATH "$ORIGIN")
-install(TARGETS veyra)
+install(TARGETS veyra veyra-diagnosisd veyra-crashdumpd)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/veyrasvc)
 install(EXPORT veyrasvcTargets NAMESPACE veyrasvc:: DESTINATION ${package_folder})

@@ -73,6 +73,15 @@ char32_t NextFromWide(std::wstring_view text, std::size_t& at) {
     return IsCharacter(unit) ? unit : kReplacement;
 }
 
+// Of the two forms in which a system keeps its file names, the one of this system is chosen. The standard library's
+// own conversion throws for names that are no proper text, which anybody may give to a file.
+[[maybe_unused]] std::string Utf8FromNative(const std::wstring& name) {
+    return Utf8FromWide(name);
+}
+[[maybe_unused]] std::string Utf8FromNative(const std::string& name) {
+    return name;
+}
+
 } // namespace
 
 std::wstring WideFromUtf8(std::string_view text) {
@@ -101,6 +110,10 @@ std::string Utf8FromWide(std::wstring_view text) {
 
 std::filesystem::path PathFromUtf8(std::string_view text) {
     return std::u8string(text.begin(), text.end());
+}
+
+std::string Utf8FromPath(const std::filesystem::path& path) {
+    return Utf8FromNative(path.native());
 }
 
 } // namespace Vantor::Sentrix::Support

@@ -16,5 +16,6 @@ std::string Utf8FromWide(std::wstring_view text);
 
 // File names: elsewhere than on Windows any bytes may be one, and stay as they are.
 std::filesystem::path PathFromUtf8(std::string_view text);
+std::string Utf8FromPath(const std::filesystem::path& path);
 
 } // namespace Vantor::Sentrix::Support

@@ -1,10 +1,11 @@
 // veyra listen: a module that shows what it gets.
+#include "tools/support/ModuleStatus.h"
+#include "tools/support/StandardIo.h"
+#include "tools/support/Stop.h"
 #include "tools/veyra/Arrival.h"
 #include "tools/veyra/Ids.h"
-#include "tools/veyra/ModuleStatus.h"
 #include "tools/veyra/Options.h"
-#include "tools/veyra/StandardIo.h"
-#include "tools/veyra/Stop.h"
+#include "tools/veyra/Say.h"
 #include "tools/veyra/Verbs.h"
 #include "veyrasvc/bus/ModuleId.h"
 
@@ -92,7 +93,8 @@ public:
             return kDone; // the user has lost patience
         }
         AwaitEnd();
-        const bool left = !m_options.replies || StopAsked() || m_query.Flush(); // the last answer, before we go
+        const bool left =
+            !m_options.replies || Support::StopAsked() || m_query.Flush(); // the last answer, before we go
         const std::lock_guard guard(m_mutex);
         return left && !m_failed ? kDone : kFailed;
     }
@@ -126,7 +128,7 @@ private:
             Say("nobody serves the bus yet; waiting");
         }
         constexpr std::chrono::hours kAlways{24 * 365};
-        if (m_query.Ask(m_options.id, kAlways) != ModuleStatus::Online) {
+        if (m_query.Ask(m_options.id, kAlways) != Support::ModuleStatus::Online) {
             return false;
         }
         Say("listening as " + HexId(m_options.id));
@@ -135,8 +137,8 @@ private:
 
     void AwaitEnd() {
         std::unique_lock guard(m_mutex);
-        while (m_finished < m_limit && !m_failed && !StopAsked()) {
-            m_changed.wait_for(guard, kStopCheckInterval);
+        while (m_finished < m_limit && !m_failed && !Support::StopAsked()) {
+            m_changed.wait_for(guard, Support::kStopCheckInterval);
         }
     }
 
@@ -155,7 +157,7 @@ private:
             m_options.json ? DescribeArrivalAsJson(kind, item, file) : DescribeArrival(kind, item, file);
         {
             const std::lock_guard guard(m_mutex);
-            m_failed = m_failed || !WriteOutput(line);
+            m_failed = m_failed || !Support::WriteOutput(line);
         }
         Reply(kind, item); // whoever has the answer finds the line written
         const std::lock_guard guard(m_mutex);
@@ -171,7 +173,7 @@ private:
         char name[32];
         std::snprintf(name, sizeof name, "/%06llu", static_cast<unsigned long long>(number));
         std::string file = m_options.outFolder + name;
-        if (!WriteFileBytes(file, {item.data, static_cast<std::size_t>(item.dataLen)})) {
+        if (!Support::WriteFileBytes(file, {item.data, static_cast<std::size_t>(item.dataLen)})) {
             Say("cannot write '" + file + "'");
             const std::lock_guard guard(m_mutex);
             m_failed = true;
@@ -208,11 +210,11 @@ private:
 
     // Last, and so destroyed first: its callbacks use all of the above.
     IPCMessageClient m_client;
-    StatusQuery m_query;
+    Support::StatusQuery m_query;
 };
 
 int Listen(const ListenOptions& options) {
-    CatchStopSignals();
+    Support::CatchStopSignals();
     return Listener(options).Run();
 }
 

@@ -1,8 +1,9 @@
 // veyra send, post and publish: one message from the command line.
+#include "tools/support/ModuleStatus.h"
+#include "tools/support/StandardIo.h"
 #include "tools/veyra/Ids.h"
-#include "tools/veyra/ModuleStatus.h"
 #include "tools/veyra/Options.h"
-#include "tools/veyra/StandardIo.h"
+#include "tools/veyra/Say.h"
 #include "tools/veyra/Verbs.h"
 #include "veyrasvc/bus/ModuleId.h"
 
@@ -33,9 +34,9 @@ using Options = std::shared_ptr<MessageOptions>;
 std::optional<std::string> LoadBody(const MessageOptions& options) {
     std::optional<std::string> body;
     if (!options.bodyFile.empty()) {
-        body = ReadFileBytes(options.bodyFile, kLongestBody);
+        body = Support::ReadFileBytes(options.bodyFile, kLongestBody);
     } else if (options.body == "-") {
-        body = ReadInput(kLongestBody);
+        body = Support::ReadInput(kLongestBody);
     } else {
         body = options.body;
     }
@@ -74,10 +75,10 @@ std::string WhyNoAnswer(IPCMessageClient& client, const MessageOptions& options)
         return "the bus server went away";
     }
     const std::string module = "module " + HexId(options.to);
-    switch (StatusQuery(client).Ask(options.to)) {
-    case ModuleStatus::Online:
+    switch (Support::StatusQuery(client).Ask(options.to)) {
+    case Support::ModuleStatus::Online:
         return module + " is online but gave no answer in time (" + std::to_string(options.timeoutMs) + " ms)";
-    case ModuleStatus::Offline:
+    case Support::ModuleStatus::Offline:
         return module + " is offline";
     default:
         return "the bus server does not answer";
@@ -93,7 +94,7 @@ int Send(const MessageOptions& options) {
     TagIPCMessageItem request = MakeItem(options, *body);
     bool written = true;
     const auto print = [&written](TagIPCMessageItem& answer) {
-        written = WriteOutput({answer.data, static_cast<std::size_t>(answer.dataLen)});
+        written = Support::WriteOutput({answer.data, static_cast<std::size_t>(answer.dataLen)});
     };
     const int awaited = request.replyMsgId == -1 ? request.msgId : request.replyMsgId;
     if (!client.SendIPCMessage(request, awaited, options.timeoutMs, print)) {
@@ -111,12 +112,12 @@ int Post(const MessageOptions& options) {
         return kFailed;
     }
     IPCMessageClient client(static_cast<int>(options.from), false, false);
-    StatusQuery query(client);
+    Support::StatusQuery query(client);
     // Asked before: a module may well leave as soon as it has the message.
     const bool toEverybody = options.to == ModuleId::kBroadcast;
-    const ModuleStatus status = query.Ask(toEverybody ? ModuleId::kMsgServer : options.to);
-    if (status != ModuleStatus::Online) {
-        Say(status == ModuleStatus::Offline
+    const Support::ModuleStatus status = query.Ask(toEverybody ? ModuleId::kMsgServer : options.to);
+    if (status != Support::ModuleStatus::Online) {
+        Say(status == Support::ModuleStatus::Offline
                 ? "module " + HexId(options.to) + " is offline; nobody has received the message"
                 : "the bus server does not answer; nobody has received the message");
         return kFailed;
@@ -138,7 +139,7 @@ int Publish(const MessageOptions& options) {
         return kFailed;
     }
     IPCMessageClient client(static_cast<int>(options.from), false, false);
-    StatusQuery query(client);
+    Support::StatusQuery query(client);
     TagIPCMessageItem item = MakeItem(options, *body);
     item.toModuleId = -1;
     if (!client.PublishIPCMessage(item)) {

@@ -1,6 +1,7 @@
 // veyra serve: the bus, in the foreground.
-#include "tools/veyra/StandardIo.h"
-#include "tools/veyra/Stop.h"
+#include "tools/support/StandardIo.h"
+#include "tools/support/Stop.h"
+#include "tools/veyra/Say.h"
 #include "tools/veyra/Verbs.h"
 #include "veyrasvc/bus/IPCMessageExport.h"
 
@@ -14,7 +15,7 @@ namespace {
 constexpr unsigned int kReachableWithinMs = 2000;
 
 int Serve() {
-    CatchStopSignals();
+    Support::CatchStopSignals();
     if (IsIPCServerPresent(0)) {
         Say(R"(\\.\Pipe\iVeyraService is served already)");
         return kFailed;
@@ -25,8 +26,8 @@ int Serve() {
         server.Stop();
         return kFailed;
     }
-    WriteOutput("veyra: serving \\\\.\\Pipe\\iVeyraService\n");
-    AwaitStop();
+    Support::WriteOutput("veyra: serving \\\\.\\Pipe\\iVeyraService\n");
+    Support::AwaitStop();
     server.Stop();
     return kDone;
 }

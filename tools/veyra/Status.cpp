@@ -1,8 +1,9 @@
 // veyra status: is a module on the bus?
+#include "tools/support/ModuleStatus.h"
+#include "tools/support/StandardIo.h"
 #include "tools/veyra/Ids.h"
-#include "tools/veyra/ModuleStatus.h"
 #include "tools/veyra/Options.h"
-#include "tools/veyra/StandardIo.h"
+#include "tools/veyra/Say.h"
 #include "tools/veyra/Verbs.h"
 
 #include <CLI/CLI.hpp>
@@ -29,13 +30,13 @@ int Status(const StatusOptions& options) {
         return kFailed;
     }
     IPCMessageClient client(static_cast<int>(PassingModuleId()), false, false);
-    const ModuleStatus status = StatusQuery(client).Ask(options.moduleId);
-    if (status == ModuleStatus::NoAnswer) {
+    const Support::ModuleStatus status = Support::StatusQuery(client).Ask(options.moduleId);
+    if (status == Support::ModuleStatus::NoAnswer) {
         Say("the bus server does not answer");
         return kFailed;
     }
-    const bool online = status == ModuleStatus::Online;
-    return WriteOutput(Answer(options, online)) && online ? kDone : kFailed;
+    const bool online = status == Support::ModuleStatus::Online;
+    return Support::WriteOutput(Answer(options, online)) && online ? kDone : kFailed;
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -19,12 +20,17 @@ struct Verb {
     std::function<int()> run;
 };
 
+// Runs the one that was given, and gives its exit code.
+int RunChosen(const std::vector<Verb>& verbs);
+
 Verb AddServe(CLI::App& program);
 Verb AddSend(CLI::App& program);
 Verb AddPost(CLI::App& program);
 Verb AddPublish(CLI::App& program);
 Verb AddListen(CLI::App& program);
 Verb AddStatus(CLI::App& program);
+Verb AddDiagnose(CLI::App& program);
+Verb AddCrashDumps(CLI::App& program);
 Verb AddBench(CLI::App& program);
 Verb AddBenchWorker(CLI::App& program); // hidden: what `bench` starts
 

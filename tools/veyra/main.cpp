@@ -1,6 +1,7 @@
 // veyra: the operator's program of the message bus.
 #include "logging/Logger.h"
-#include "tools/veyra/StandardIo.h"
+#include "tools/support/StandardIo.h"
+#include "tools/veyra/Say.h"
 #include "tools/veyra/Verbs.h"
 
 #include <CLI/CLI.hpp>
@@ -11,6 +12,16 @@
 #include <vector>
 
 namespace Vantor::Sentrix::Tool {
+
+int RunChosen(const std::vector<Verb>& verbs) {
+    for (const Verb& verb : verbs) {
+        if (verb.command->parsed()) {
+            return verb.run();
+        }
+    }
+    return kWrongUsage;
+}
+
 namespace {
 
 constexpr char kFooter[] = "Ids are decimal, or hexadecimal after 0x. Data goes to standard output, talk to standard "
@@ -33,19 +44,10 @@ int Parse(CLI::App& program, int argc, char** argv) {
         std::ostringstream help;
         std::ostringstream fault;
         const int code = program.exit(error, help, fault);
-        WriteOutput(help.str());
-        WriteTalk(fault.str());
+        Support::WriteOutput(help.str());
+        Support::WriteTalk(fault.str());
         return code == 0 ? -1 : kWrongUsage; // -1: help was asked for and given
     }
-}
-
-int RunChosen(const std::vector<Verb>& verbs) {
-    for (const Verb& verb : verbs) {
-        if (verb.command->parsed()) {
-            return verb.run();
-        }
-    }
-    return kWrongUsage;
 }
 
 int Run(int argc, char** argv) {
@@ -53,9 +55,9 @@ int Run(int argc, char** argv) {
     program.footer(kFooter);
     program.require_subcommand(1);
     program.allow_windows_style_options(false); // a body or a path may begin with a slash, on every system
-    const std::vector<Verb> verbs = {AddServe(program),   AddSend(program),       AddPost(program),
-                                     AddPublish(program), AddListen(program),     AddStatus(program),
-                                     AddBench(program),   AddBenchWorker(program)};
+    const std::vector<Verb> verbs = {
+        AddServe(program),  AddSend(program),     AddPost(program),       AddPublish(program), AddListen(program),
+        AddStatus(program), AddDiagnose(program), AddCrashDumps(program), AddBench(program),   AddBenchWorker(program)};
     if (const int result = Parse(program, argc, argv); result != kDone) {
         return result < 0 ? kDone : result;
     }
@@ -72,7 +74,7 @@ int Run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     using namespace Vantor::Sentrix::Tool;
-    const Utf8Console console;
+    const Vantor::Sentrix::Support::Utf8Console console;
     try {
         return Run(argc, argv);
     } catch (const std::exception& error) {

@@ -1,6 +1,7 @@
 // veyra bench: how fast the bus is here, and how fast anything could be.
-#include "tools/veyra/StandardIo.h"
-#include "tools/veyra/Stop.h"
+#include "tools/support/StandardIo.h"
+#include "tools/support/Stop.h"
+#include "tools/veyra/Say.h"
 #include "tools/veyra/Verbs.h"
 #include "tools/veyra/bench/Measure.h"
 #include "tools/veyra/bench/Report.h"
@@ -99,10 +100,10 @@ private:
 };
 
 int Bench(const BenchOptions& options) {
-    CatchStopSignals(); // so that the processes of a measurement are ended with it
+    Support::CatchStopSignals(); // so that the processes of a measurement are ended with it
     try {
         const Report report = Run(options).Measure();
-        return WriteOutput(options.json ? report.Json() : report.Table()) ? kDone : kFailed;
+        return Support::WriteOutput(options.json ? report.Json() : report.Table()) ? kDone : kFailed;
     } catch (const BenchFailure& failure) {
         Say(std::string("the benchmark has failed: ") + failure.what());
         return kFailed;

@@ -1,7 +1,7 @@
 // Round trips: some threads, each with one request in flight.
+#include "tools/support/ModuleStatus.h"
+#include "tools/support/StandardIo.h"
 #include "tools/veyra/Ids.h"
-#include "tools/veyra/ModuleStatus.h"
-#include "tools/veyra/StandardIo.h"
 #include "tools/veyra/bench/Latencies.h"
 #include "tools/veyra/bench/Workers.h"
 
@@ -80,11 +80,11 @@ void RunCaller(const Settings& settings) {
     for (const Latencies& one : latencies) {
         all.Add(one);
     }
-    WriteOutput(ResultLine(Settings()
-                               .Set("p50", all.Microseconds(0.50))
-                               .Set("p99", all.Microseconds(0.99))
-                               .Set("rate", static_cast<double>(all.Count()) / measured.count())) +
-                '\n');
+    Support::WriteOutput(ResultLine(Settings()
+                                        .Set("p50", all.Microseconds(0.50))
+                                        .Set("p99", all.Microseconds(0.99))
+                                        .Set("rate", static_cast<double>(all.Count()) / measured.count())) +
+                         '\n');
 }
 
 } // namespace Vantor::Sentrix::Tool

@@ -1,7 +1,7 @@
 #include "tools/veyra/bench/Processes.h"
 
+#include "tools/support/Stop.h"
 #include "tools/support/Utf8.h"
-#include "tools/veyra/Stop.h"
 #include "veyrasvc/platform/Win32.h"
 
 namespace Vantor::Sentrix::Tool {
@@ -24,10 +24,11 @@ Worker::Worker(const std::string& program, const std::vector<std::string>& argum
 std::string Worker::AwaitLine() {
     const auto deadline = std::chrono::steady_clock::now() + kLinePatience;
     while (std::chrono::steady_clock::now() < deadline) {
-        if (StopAsked()) {
+        if (Support::StopAsked()) {
             throw BenchFailure("stopped");
         }
-        if (auto line = m_process.ReadLine(static_cast<DWORD>(kStopCheckInterval / std::chrono::milliseconds(1)))) {
+        if (auto line =
+                m_process.ReadLine(static_cast<DWORD>(Support::kStopCheckInterval / std::chrono::milliseconds(1)))) {
             return *line;
         }
         if (m_process.AtEnd()) {

@@ -1,8 +1,9 @@
 // One-way traffic from a source to one or more sinks, held back by a window: the source has at most so many messages
 // under way, and each sink acknowledges every quarter of it. The sinks count; order does not matter to them, because
 // callbacks may run at the same time.
-#include "tools/veyra/ModuleStatus.h"
-#include "tools/veyra/StandardIo.h"
+#include "tools/support/ModuleStatus.h"
+#include "tools/support/StandardIo.h"
+#include "tools/veyra/Say.h"
 #include "tools/veyra/bench/Latencies.h"
 #include "tools/veyra/bench/Workers.h"
 
@@ -195,7 +196,7 @@ void RunSink(const Settings& settings) {
 
 void RunSource(const Settings& settings) {
     Source source(settings);
-    WriteOutput(ResultLine(Settings().Set("rate", source.Measure(settings.Number("seconds")))) + '\n');
+    Support::WriteOutput(ResultLine(Settings().Set("rate", source.Measure(settings.Number("seconds")))) + '\n');
 }
 
 } // namespace Vantor::Sentrix::Tool

@@ -1,8 +1,8 @@
 // The hidden verb, and the roles that take a few lines.
 #include "tools/veyra/bench/Workers.h"
 
-#include "tools/veyra/ModuleStatus.h"
-#include "tools/veyra/StandardIo.h"
+#include "tools/support/ModuleStatus.h"
+#include "tools/support/StandardIo.h"
 #include "tools/veyra/Verbs.h"
 
 #include <CLI/CLI.hpp>
@@ -13,10 +13,10 @@
 namespace Vantor::Sentrix::Tool {
 
 void SayReady(IPCMessageClient& client, std::uint32_t moduleId) {
-    if (StatusQuery(client).Ask(moduleId, std::chrono::seconds(20)) != ModuleStatus::Online) {
+    if (Support::StatusQuery(client).Ask(moduleId, std::chrono::seconds(20)) != Support::ModuleStatus::Online) {
         throw BenchFailure("a worker found no bus");
     }
-    WriteOutput(std::string(kReadyLine) + '\n');
+    Support::WriteOutput(std::string(kReadyLine) + '\n');
 }
 
 void Linger() {
@@ -30,7 +30,7 @@ void RunHost(const Settings& /*settings*/) {
     if (!server.Start() || !IsIPCServerPresent(1000)) {
         throw BenchFailure("the host could not be started");
     }
-    WriteOutput(std::string(kReadyLine) + '\n');
+    Support::WriteOutput(std::string(kReadyLine) + '\n');
     Linger();
     server.Stop();
 }

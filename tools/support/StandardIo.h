@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace Vantor::Sentrix::Tool {
+namespace Vantor::Sentrix::Support {
 
 // While it lives, a console shows what is written as the UTF-8 that it is. Without a console it does nothing.
 class Utf8Console {
@@ -24,9 +24,8 @@ private:
 // Data goes to standard output. Fails: false when it takes no more.
 bool WriteOutput(std::string_view bytes);
 
-// Talk goes to standard error: as it is, or "veyra: TEXT" on a line of its own.
+// Talk goes to standard error.
 void WriteTalk(std::string_view text);
-void Say(std::string_view text);
 
 // All of standard input. Fails: nothing when it cannot be read or holds more than `limit` bytes.
 std::optional<std::string> ReadInput(std::size_t limit);
@@ -37,4 +36,4 @@ std::optional<std::string> ReadFileBytes(const std::string& path, std::size_t li
 // Fails: false; a part of the file may remain.
 bool WriteFileBytes(const std::string& path, std::string_view bytes);
 
-} // namespace Vantor::Sentrix::Tool
+} // namespace Vantor::Sentrix::Support

@@ -6,13 +6,17 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
-namespace Vantor::Sentrix::Tool {
+namespace Vantor::Sentrix::Support {
 
 // Long enough for a reconnection, which the library tries once a second.
 inline constexpr std::chrono::milliseconds kServerPatience{5000};
 
 enum class ModuleStatus { Online, Offline, NoAnswer };
+
+// The module that a status notice is about; nothing when its body is none of a notice.
+std::optional<std::uint32_t> ReadModuleId(const TagIPCMessageItem& notice);
 
 // Asks for modules through a client, whose callbacks for the two status notices it takes.
 //
@@ -42,4 +46,4 @@ private:
     std::shared_ptr<Answers> m_answers; // shared with the callbacks
 };
 
-} // namespace Vantor::Sentrix::Tool
+} // namespace Vantor::Sentrix::Support

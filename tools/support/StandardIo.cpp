@@ -1,4 +1,4 @@
-#include "tools/veyra/StandardIo.h"
+#include "tools/support/StandardIo.h"
 
 #include "tools/support/Utf8.h"
 #include "veyrasvc/platform/Win32.h"
@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <fstream>
 
-namespace Vantor::Sentrix::Tool {
+namespace Vantor::Sentrix::Support {
 
 namespace {
 
@@ -48,10 +48,6 @@ void WriteTalk(std::string_view text) {
     WriteAll(STD_ERROR_HANDLE, text);
 }
 
-void Say(std::string_view text) {
-    WriteTalk("veyra: " + std::string(text) + '\n');
-}
-
 std::optional<std::string> ReadInput(std::size_t limit) {
     const HANDLE handle = GetStdHandle(STD_INPUT_HANDLE);
     std::string bytes;
@@ -77,7 +73,7 @@ std::optional<std::string> ReadInput(std::size_t limit) {
 }
 
 std::optional<std::string> ReadFileBytes(const std::string& path, std::size_t limit) {
-    std::ifstream file(Support::PathFromUtf8(path), std::ios::binary | std::ios::ate);
+    std::ifstream file(PathFromUtf8(path), std::ios::binary | std::ios::ate);
     const std::streamoff size = file.tellg();
     if (!file || size < 0 || static_cast<std::size_t>(size) > limit) {
         return std::nullopt;
@@ -89,10 +85,10 @@ std::optional<std::string> ReadFileBytes(const std::string& path, std::size_t li
 }
 
 bool WriteFileBytes(const std::string& path, std::string_view bytes) {
-    std::ofstream file(Support::PathFromUtf8(path), std::ios::binary | std::ios::trunc);
+    std::ofstream file(PathFromUtf8(path), std::ios::binary | std::ios::trunc);
     file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     file.close();
     return file.good();
 }
 
-} // namespace Vantor::Sentrix::Tool
+} // namespace Vantor::Sentrix::Support

@@ -1,10 +1,10 @@
-#include "tools/veyra/Stop.h"
+#include "tools/support/Stop.h"
 
 #include "veyrasvc/platform/Win32.h"
 
 #include <atomic>
 
-namespace Vantor::Sentrix::Tool {
+namespace Vantor::Sentrix::Support {
 
 namespace {
 
@@ -36,4 +36,4 @@ void AwaitStop() {
     asked.wait(false);
 }
 
-} // namespace Vantor::Sentrix::Tool
+} // namespace Vantor::Sentrix::Support

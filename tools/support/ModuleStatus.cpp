@@ -1,6 +1,6 @@
-#include "tools/veyra/ModuleStatus.h"
+#include "tools/support/ModuleStatus.h"
 
-#include "tools/veyra/Stop.h"
+#include "tools/support/Stop.h"
 #include "veyrasvc/bus/ModuleId.h"
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 #include <map>
 #include <mutex>
 
-namespace Vantor::Sentrix::Tool {
+namespace Vantor::Sentrix::Support {
 
 namespace {
 
@@ -17,18 +17,19 @@ using Clock = std::chrono::steady_clock;
 // A question is lost when its frame was being written as the connection broke.
 constexpr std::chrono::milliseconds kRepeatInterval{1000};
 
-bool ReadModuleId(const TagIPCMessageItem& item, std::uint32_t& moduleId) {
-    if (item.data == nullptr || item.dataLen != sizeof moduleId) {
-        return false;
-    }
-    moduleId = 0;
-    for (int i = 3; i >= 0; --i) {
-        moduleId = moduleId << 8 | static_cast<unsigned char>(item.data[i]);
-    }
-    return true;
-}
-
 } // namespace
+
+std::optional<std::uint32_t> ReadModuleId(const TagIPCMessageItem& notice) {
+    constexpr int kBytes = 4;
+    if (notice.data == nullptr || notice.dataLen != kBytes) {
+        return std::nullopt;
+    }
+    std::uint32_t moduleId = 0;
+    for (int i = kBytes - 1; i >= 0; --i) {
+        moduleId = moduleId << 8 | static_cast<unsigned char>(notice.data[i]);
+    }
+    return moduleId;
+}
 
 struct StatusQuery::Answers {
     std::mutex mutex;
@@ -36,10 +37,9 @@ struct StatusQuery::Answers {
     std::map<std::uint32_t, ModuleStatus> byModule; // guarded by mutex
 
     void Take(const TagIPCMessageItem& item, ModuleStatus status) {
-        std::uint32_t moduleId = 0;
-        if (ReadModuleId(item, moduleId)) {
+        if (const auto moduleId = ReadModuleId(item)) {
             const std::lock_guard guard(mutex);
-            byModule[moduleId] = status;
+            byModule[*moduleId] = status;
             changed.notify_all();
         }
     }
@@ -86,4 +86,4 @@ bool StatusQuery::Flush() {
     return Ask(ModuleId::kMsgServer) == ModuleStatus::Online;
 }
 
-} // namespace Vantor::Sentrix::Tool
+} // namespace Vantor::Sentrix::Support

@@ -4,7 +4,7 @@
 
 #include <chrono>
 
-namespace Vantor::Sentrix::Tool {
+namespace Vantor::Sentrix::Support {
 
 // From now on these no longer end the process but set StopAsked(). Requires: called once.
 void CatchStopSignals();
@@ -17,4 +17,4 @@ inline constexpr std::chrono::milliseconds kStopCheckInterval{100};
 // Returns when StopAsked() has become true.
 void AwaitStop();
 
-} // namespace Vantor::Sentrix::Tool
+} // namespace Vantor::Sentrix::Support

@@ -1,0 +1,123 @@
+#include "services/diagnosis/TempFiles.h"
+
+#include "services/diagnosis/Judgement.h"
+#include "tools/support/Utf8.h"
+#include "veyrasvc/platform/Win32.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Vantor::Sentrix::Diagnosis {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Nobody works for a week on a file in a folder for passing things.
+constexpr std::chrono::hours kOld{7 * 24};
+
+// The account of this process.
+class OwnAccount {
+public:
+    OwnAccount() {
+        HANDLE token = nullptr;
+        if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) != FALSE) {
+            DWORD needed = 0;
+            m_known = GetTokenInformation(token, TokenUser, m_block, sizeof m_block, &needed) != FALSE;
+            CloseHandle(token);
+        }
+    }
+
+    bool Owns(const fs::path& path) const {
+        PSID owner = nullptr;
+        PSECURITY_DESCRIPTOR descriptor = nullptr;
+        std::wstring name = Support::WideFromUtf8(Support::Utf8FromPath(path)); // no such file when it is no UTF-8
+        if (!m_known || GetNamedSecurityInfoW(name.data(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr,
+                                              nullptr, nullptr, &descriptor) != ERROR_SUCCESS) {
+            return false;
+        }
+        const bool same = EqualSid(owner, reinterpret_cast<const TOKEN_USER*>(m_block)->User.Sid) != FALSE;
+        LocalFree(descriptor);
+        return same;
+    }
+
+private:
+    static constexpr std::size_t kRoomForUser = 256; // an account has at most 68 bytes, and 16 stand before it
+    alignas(TOKEN_USER) unsigned char m_block[kRoomForUser];
+    bool m_known = false;
+};
+
+struct Tally {
+    std::uint64_t files = 0;
+    std::uint64_t bytes = 0;
+    std::uint64_t stuck = 0; // could not be removed
+
+    std::string Text() const {
+        return std::to_string(files) + (files == 1 ? " file, " : " files, ") + ReadableSize(bytes);
+    }
+};
+
+bool IsOldFile(const fs::directory_entry& entry) {
+    std::error_code error;
+    if (entry.symlink_status(error).type() != fs::file_type::regular) {
+        return false;
+    }
+    const auto written = entry.last_write_time(error);
+    return !error && fs::file_time_type::clock::now() - written > kOld;
+}
+
+void Treat(const fs::directory_entry& entry, bool carryOut, Tally& tally) {
+    std::error_code error;
+    const std::uint64_t size = entry.file_size(error);
+    if (!error && carryOut) {
+        fs::remove(entry.path(), error);
+    }
+    if (error) {
+        ++tally.stuck;
+        return;
+    }
+    ++tally.files;
+    tally.bytes += size;
+}
+
+} // namespace
+
+std::filesystem::path DefaultTempFolder() {
+    std::error_code error;
+    const fs::path folder = fs::temp_directory_path(error);
+    return error ? fs::path() : folder / "veyra";
+}
+
+Finding RepairTempFiles(const fs::path& folder, bool carryOut, const std::stop_token& stop) {
+    std::error_code error;
+    const std::string name = Support::Utf8FromPath(folder);
+    const fs::file_type type = fs::symlink_status(folder, error).type();
+    if (type == fs::file_type::not_found) {
+        return {Outcome::Ok, "there is no folder " + name};
+    }
+    const OwnAccount account;
+    if (type != fs::file_type::directory || !account.Owns(folder)) {
+        return {Outcome::Warning, name + " is no folder of the service's own account; nothing was touched"};
+    }
+    Tally tally;
+    fs::directory_iterator entry(folder, error);
+    for (; !error && entry != fs::directory_iterator() && !stop.stop_requested(); entry.increment(error)) {
+        if (IsOldFile(*entry) && account.Owns(entry->path())) {
+            Treat(*entry, carryOut, tally);
+        }
+    }
+    if (error || tally.stuck != 0) {
+        return {Outcome::Warning, (carryOut ? "removed " : "would remove ") + tally.Text() + "; not all of " + name +
+                                      " can be read and removed"};
+    }
+    if (tally.files == 0) {
+        return {Outcome::Ok, "nothing to remove in " + name};
+    }
+    return carryOut ? Finding{Outcome::Done, "removed " + tally.Text() + ", from " + name}
+                    : Finding{Outcome::Would, "would remove " + tally.Text() + ", from " + name};
+}
+
+} // namespace Vantor::Sentrix::Diagnosis
