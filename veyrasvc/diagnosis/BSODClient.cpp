@@ -27,8 +27,8 @@ void BSODClient::OnRecvBsodAnalysis(TagIPCMessageItem& /*item*/) {}
 
 void BSODClient::GetBsodHistory(std::list<std::string>& dumps, double& status) {
     LOG_DEBUG("GetBsodHistory enter.");
-    const auto answer = Ask(m_client, kGetBsodHistory, "", "GetBsodHistory result: ");
-    const std::optional<Json::Value> root = answer ? ReadJson(*answer) : std::nullopt;
+    const auto answer = Ask(m_client, kGetBsodHistory, "", "GetBsodHistory result: ", SENTRIX_HERE);
+    const std::optional<Json::Value> root = answer ? ReadJson(*answer, SENTRIX_HERE) : std::nullopt;
     if (!root) {
         return;
     }
@@ -51,7 +51,7 @@ int BSODClient::StartBsodAnalysis() {
 
 int BSODClient::CancelAnalysis() {
     LOG_DEBUG("CancelAnalysis enter.");
-    const auto answer = Ask(m_client, kCancelAnalysis, "", "CancelAnalysis result:");
+    const auto answer = Ask(m_client, kCancelAnalysis, "", "CancelAnalysis result:", SENTRIX_HERE);
     return answer ? ResultOf(*answer) : -1;
 }
 

@@ -55,20 +55,22 @@ void DFSClient::OnRecvStartNotify(TagIPCMessageItem& /*item*/) {}
 
 std::string DFSClient::GetSdkVersion() {
     LOG_DEBUG("GetSdkVersion enter.");
-    return Ask(m_client, kGetSdkVersion, "", "GetSdkVersion result:").value_or("");
+    return Ask(m_client, kGetSdkVersion, "", "GetSdkVersion result:", SENTRIX_HERE).value_or("");
 }
 
 std::list<std::string> DFSClient::GetDetectCapability(std::shared_ptr<DiagnosisDeviceInfo> deviceInfo) {
     LOG_DEBUG("GetDetectCapability enter.");
-    const auto answer = Ask(m_client, kGetDetectCapability, deviceInfo->ToJsonStr(), "GetDetectCapability result:");
-    const std::optional<Json::Value> root = answer ? ReadJson(*answer) : std::nullopt;
+    const auto answer =
+        Ask(m_client, kGetDetectCapability, deviceInfo->ToJsonStr(), "GetDetectCapability result:", SENTRIX_HERE);
+    const std::optional<Json::Value> root = answer ? ReadJson(*answer, SENTRIX_HERE) : std::nullopt;
     return root ? Strings((*root)["DetectCapability"]) : std::list<std::string>();
 }
 
 std::list<std::string> DFSClient::GetRepairCapability(std::shared_ptr<DiagnosisDeviceInfo> deviceInfo) {
     LOG_DEBUG("GetRepairCapability enter.");
-    const auto answer = Ask(m_client, kGetRepairCapability, deviceInfo->ToJsonStr(), "GetRepairCapability result:");
-    const std::optional<Json::Value> root = answer ? ReadJson(*answer) : std::nullopt;
+    const auto answer =
+        Ask(m_client, kGetRepairCapability, deviceInfo->ToJsonStr(), "GetRepairCapability result:", SENTRIX_HERE);
+    const std::optional<Json::Value> root = answer ? ReadJson(*answer, SENTRIX_HERE) : std::nullopt;
     return root ? Strings((*root)["RepairCapability"]) : std::list<std::string>();
 }
 
@@ -85,7 +87,7 @@ std::string DFSClient::GetFaultInfobyId(int eventId, long long startTime, long l
     if (text.empty()) {
         LOG_WARN("empty jsonStr.");
     }
-    return Ask(m_client, kGetFaultInfobyId, text, "GetFaultInfobyId result:").value_or("");
+    return Ask(m_client, kGetFaultInfobyId, text, "GetFaultInfobyId result:", SENTRIX_HERE).value_or("");
 }
 
 // ---- Starts and cancellations --------------------------------------------------------------------------------------
@@ -102,7 +104,8 @@ int DFSClient::StartDetection(const std::list<std::string>& operationItems, int 
 
 int DFSClient::CancelDetection(std::shared_ptr<DiagnosisDeviceInfo> deviceInfo) {
     LOG_DEBUG("CancelDetection enter.");
-    const auto answer = Ask(m_client, kCancelDetection, deviceInfo->ToJsonStr(), "CancelDetection result:");
+    const auto answer =
+        Ask(m_client, kCancelDetection, deviceInfo->ToJsonStr(), "CancelDetection result:", SENTRIX_HERE);
     return answer ? ResultOf(*answer) : -1;
 }
 
@@ -115,7 +118,7 @@ int DFSClient::StartRepair(const std::list<std::string>& operationItems, int ope
 
 int DFSClient::CancelRepair(std::shared_ptr<DiagnosisDeviceInfo> deviceInfo) {
     LOG_DEBUG("CancelRepair enter.");
-    const auto answer = Ask(m_client, kCancelRepair, deviceInfo->ToJsonStr(), "CancelRepair result:");
+    const auto answer = Ask(m_client, kCancelRepair, deviceInfo->ToJsonStr(), "CancelRepair result:", SENTRIX_HERE);
     return answer ? ResultOf(*answer) : -1;
 }
 

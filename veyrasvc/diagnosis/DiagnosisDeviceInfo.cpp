@@ -27,7 +27,7 @@ bool DiagnosisDeviceInfo::FromJsonStr(const std::string& jsonStr) {
         LOG_WARN("input jsonStr is empty.");
         return false;
     }
-    const std::optional<Json::Value> read = ReadJson(jsonStr);
+    const std::optional<Json::Value> read = ReadJson(jsonStr, SENTRIX_HERE);
     if (!read) {
         return false;
     }

@@ -1,7 +1,5 @@
 #include "veyrasvc/diagnosis/JsonText.h"
 
-#include "veyrasvc/util/LogStatement.h"
-
 #include <json/reader.h>
 #include <json/writer.h>
 
@@ -22,7 +20,7 @@ ParsedJson ParseJson(const std::string& text) {
     return parsed;
 }
 
-std::optional<Json::Value> ReadJson(const std::string& text, CallSite where) {
+std::optional<Json::Value> ReadJson(const std::string& text, const CallSite& where) {
     ParsedJson parsed = ParseJson(text);
     if (!parsed.valid) {
         LOG_ERROR_AT(where, "jsonStr[" << text << "] err. " << parsed.errors);

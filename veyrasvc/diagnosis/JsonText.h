@@ -1,16 +1,14 @@
 // JSON as the clients of the services exchange it: read with the library's defaults, written on one line.
 #pragma once
 
+#include "veyrasvc/util/LogStatement.h"
+
 #include <json/value.h>
 
 #include <optional>
-#include <source_location>
 #include <string>
 
 namespace Vantor::Sentrix {
-
-// Log lines of a helper name the operation that it serves: whoever calls it, by default.
-using CallSite = std::source_location;
 
 struct ParsedJson {
     Json::Value root;   // null as well when there was an error
@@ -20,8 +18,8 @@ struct ParsedJson {
 
 ParsedJson ParseJson(const std::string& text);
 
-// The text's value. Nothing, and a log line: it is no JSON, or null.
-std::optional<Json::Value> ReadJson(const std::string& text, CallSite where = CallSite::current());
+// The text's value. Nothing, and a log line of the operation `where`: it is no JSON, or null.
+std::optional<Json::Value> ReadJson(const std::string& text, const CallSite& where);
 
 std::string WriteJsonLine(const Json::Value& value);
 

@@ -1,7 +1,6 @@
 #include "veyrasvc/diagnosis/ServiceRequest.h"
 
 #include "veyrasvc/platform/Win32.h"
-#include "veyrasvc/util/LogStatement.h"
 
 #include <cstring>
 #include <memory>
@@ -35,7 +34,7 @@ bool PostRequest(const IPCMessageClient& client, const ServiceRequest& request, 
 }
 
 std::optional<std::string> Ask(const IPCMessageClient& client, const ServiceRequest& request, const std::string& text,
-                               const char* resultLabel, CallSite where) {
+                               const char* resultLabel, const CallSite& where) {
     TagIPCMessageItem item = RecordOf(request, text);
     item.uniqMsgId = static_cast<std::int32_t>(GetTickCount());
     TagIPCMessageItem answer;

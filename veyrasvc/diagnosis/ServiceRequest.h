@@ -22,7 +22,7 @@ bool PostRequest(const IPCMessageClient& client, const ServiceRequest& request, 
 // Sends the text and waits up to a minute for the answer, which is logged behind `resultLabel`. Nothing, and a log
 // line: it could not be sent or no answer came.
 std::optional<std::string> Ask(const IPCMessageClient& client, const ServiceRequest& request, const std::string& text,
-                               const char* resultLabel, CallSite where = CallSite::current());
+                               const char* resultLabel, const CallSite& where);
 
 // A cancel's answer: 0 when it begins with the number 0, else -1.
 // Fails: throws std::invalid_argument when it begins with no number, std::out_of_range when that needs over 32 bits.

@@ -16,6 +16,13 @@ namespace Vantor::Sentrix {
 // log4cplus's levels, without its headers in every file that logs.
 enum class LogLevel : int { Debug = 10000, Info = 20000, Warn = 30000, Error = 40000 };
 
+// Where a statement stands, or the operation on whose behalf it is made.
+struct CallSite {
+    const char* file;
+    int line;
+    const char* function; // its full signature
+};
+
 // True when a statement of that level would be written.
 bool IsLogEnabled(LogLevel level) noexcept;
 
@@ -47,9 +54,10 @@ void EmitLog(LogLevel level, const std::ostringstream& text, const char* file, i
 #define LOG_WARN(expression) SENTRIX_LOG(::Vantor::Sentrix::LogLevel::Warn, expression)
 #define LOG_ERROR(expression) SENTRIX_LOG(::Vantor::Sentrix::LogLevel::Error, expression)
 
-// In a helper, with the std::source_location of the operation that it serves.
+// In a helper, with the SENTRIX_HERE of the operation that it serves.
+#define SENTRIX_HERE (::Vantor::Sentrix::CallSite{__FILE__, __LINE__, VEYRASVC_FUNCTION_SIGNATURE})
 #define SENTRIX_LOG_AT(level, where, expression)                                                                       \
-    SENTRIX_LOG_FROM(level, (where).file_name(), static_cast<int>((where).line()), (where).function_name(), expression)
+    SENTRIX_LOG_FROM(level, (where).file, (where).line, (where).function, expression)
 #define LOG_DEBUG_AT(where, expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Debug, where, expression)
 #define LOG_WARN_AT(where, expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Warn, where, expression)
 #define LOG_ERROR_AT(where, expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Error, where, expression)
