@@ -20,8 +20,9 @@ namespace {
 constexpr int kDiagnosis = 0x820000;
 constexpr int kCrashDumps = 0x830000;
 constexpr int kScript =
-    1;                   // "ID ANSWER": from now on the answer under that id; "-ID ": the service ends at that request
-constexpr int kLast = 2; // asks for "ID REPLY-ID LENGTH BODY" of the request that came last
+    1; // "ID ANSWER": from now on the answer under that id; "-ID ": the service ends at that request
+constexpr int kLast =
+    2; // "ID": asks for "ID REPLY-ID LENGTH BODY" of the last such request, waiting until there is one
 const std::string kNul(1, '\0');
 
 // ---- The service ---------------------------------------------------------------------------------------------------
@@ -36,20 +37,31 @@ public:
             const std::string line = BodyOf(item);
             std::size_t digits = 0;
             const int id = std::stoi(line, &digits);
-            m_answers[id] = line.substr(digits + 1);
+            {
+                const std::lock_guard guard(m_mutex);
+                m_answers[id] = line.substr(digits + 1);
+            }
             Answer(item, item.replyMsgId, "");
         });
-        m_client.RegisterMessageCallback(kLast,
-                                         [this](TagIPCMessageItem& item) { Answer(item, item.replyMsgId, m_last); });
+        m_client.RegisterMessageCallback(kLast, [this](TagIPCMessageItem& item) {
+            std::unique_lock guard(m_mutex);
+            const int id = std::stoi(BodyOf(item));
+            m_came.wait_for(guard, kAwaitLimit, [&] { return m_requests.count(id) != 0; });
+            Answer(item, item.replyMsgId, m_requests[id]);
+            m_requests.erase(id);
+        });
     }
 
 private:
+    // Callbacks run at the same time.
     void Serve(const TagIPCMessageItem& item) {
+        const std::lock_guard guard(m_mutex);
         if (m_answers.count(-item.msgId) != 0) {
             std::_Exit(0); // as if it had crashed
         }
-        m_last = std::to_string(item.msgId) + " " + std::to_string(item.replyMsgId) + " " +
-                 std::to_string(item.dataLen) + " " + BodyOf(item);
+        m_requests[item.msgId] = std::to_string(item.msgId) + " " + std::to_string(item.replyMsgId) + " " +
+                                 std::to_string(item.dataLen) + " " + BodyOf(item);
+        m_came.notify_all();
         if (const auto answer = m_answers.find(item.replyMsgId); answer != m_answers.end()) {
             Answer(item, item.replyMsgId, answer->second);
             Answer(item, item.replyMsgId, answer->second); // a second time
@@ -59,8 +71,11 @@ private:
         m_client.PostIPCMessage(Item(request.fromModuleId, msgId, body, -1, request.uniqMsgId));
     }
 
+    std::mutex m_mutex;
+    std::condition_variable m_came;
+    // Guarded by m_mutex.
     std::map<int, std::string> m_answers;
-    std::string m_last;
+    std::map<int, std::string> m_requests;
     IPCMessageClient m_client;
 };
 
@@ -78,8 +93,9 @@ protected:
     void Script(int id, const std::string& answer, int module = kDiagnosis) {
         ASSERT_TRUE(Ask(m_test, module, std::to_string(id) + " " + answer, ++m_uniq, kScript));
     }
-    std::string LastRequest(int module = kDiagnosis) {
-        TagIPCMessageItem request = Item(module, kLast, {}, 100, ++m_uniq);
+    std::string LastRequest(int id, int module = kDiagnosis) {
+        const std::string text = std::to_string(id);
+        TagIPCMessageItem request = Item(module, kLast, text, 100, ++m_uniq);
         TagIPCMessageItemRecv last;
         EXPECT_TRUE(m_test.SendIPCMessage(request, 100, last, kNoLimit));
         return last.data;
@@ -104,7 +120,7 @@ TEST_F(ClientsTest, QueriesSendTheirRecordAndReadTheAnswer) {
     DFSClient client(kOther);
     Script(0x820001, "1.2" + kNul + "rubbish");
     EXPECT_EQ(client.GetSdkVersion(), "1.2");
-    EXPECT_EQ(LastRequest(), Request(0x820001, 0x820001, ""));
+    EXPECT_EQ(LastRequest(0x820001), Request(0x820001, 0x820001, ""));
     Script(0x820001, "no end");
     EXPECT_EQ(client.GetSdkVersion(), "no end");
     Script(0x820001, "");
@@ -115,7 +131,7 @@ TEST_F(ClientsTest, QueriesSendTheirRecordAndReadTheAnswer) {
     Script(0x820010, R"({"Events":[]})" + kNul);
     EXPECT_EQ(client.GetFaultInfobyId(-1, 1LL << 40, -2, "", "p\"\xc3\xa9"), R"({"Events":[]})");
     EXPECT_EQ(
-        LastRequest(),
+        LastRequest(0x820010),
         Request(0x820010, 0x820010,
                 R"({"EndTime":-2,"EventId":-1,"EventProvider":"p\"\u00e9","EventType":"","StartTime":1099511627776})"));
     EXPECT_EQ(log.Count(log4cplus::DEBUG_LOG_LEVEL, "GetFaultInfobyId result:{\"Events\":[]}"), 1);
@@ -156,7 +172,7 @@ TEST_F(ClientsTest, CapabilitiesAreReadFromWhateverJsonComes) {
         });
         EXPECT_EQ(warned, one.warning != nullptr) << one.answer;
     }
-    EXPECT_EQ(LastRequest(), Request(0x820002, 0x820002, s_device));
+    EXPECT_EQ(LastRequest(0x820002), Request(0x820002, 0x820002, s_device));
     Script(0x820003, R"({"RepairCapability":["r"]})" + kNul);
     EXPECT_EQ(client.GetRepairCapability(Device()), Names{"r"});
     Script(0x820003, std::string(3 << 20, '[') + kNul);
@@ -170,7 +186,7 @@ TEST_F(ClientsTest, CancelsReadANumber) {
         Script(0x820006, answer + kNul);
         Script(0x820009, answer + kNul);
         EXPECT_EQ(client.CancelDetection(Device()), result) << answer;
-        EXPECT_EQ(LastRequest(), Request(0x820006, 0x820006, s_device));
+        EXPECT_EQ(LastRequest(0x820006), Request(0x820006, 0x820006, s_device));
         EXPECT_EQ(client.CancelRepair(Device()), result) << answer;
     }
     Script(0x820006, "none" + kNul);
@@ -180,6 +196,7 @@ TEST_F(ClientsTest, CancelsReadANumber) {
 }
 
 TEST_F(ClientsTest, StartsArePostedAndTheirOutcomeReachesTheHook) {
+    static Mailbox<std::string> outcomes; // outlives every hook
     struct Watching final : DFSClient {
         using DFSClient::DFSClient;
         void OnRecvStartDetection(TagIPCMessageItem& item) override { outcomes.Put("detection " + BodyOf(item)); }
@@ -187,22 +204,23 @@ TEST_F(ClientsTest, StartsArePostedAndTheirOutcomeReachesTheHook) {
             outcomes.Put("repair " + BodyOf(item));
             throw std::runtime_error("a hook may throw");
         }
-        Mailbox<std::string> outcomes;
     };
     Watching client(kOther);
     Script(0x820005, "found");
     Script(0x820008, "mended");
     EXPECT_EQ(client.StartDetection({"x", "y"}, 2, Device()), 0);
-    EXPECT_EQ(client.outcomes.Take(), "detection found");
-    EXPECT_EQ(LastRequest(),
+    EXPECT_EQ(outcomes.Take(), "detection found");
+    EXPECT_EQ(LastRequest(0x820004),
               Request(0x820004, 0x820005,
                       R"({"DeviceInfo":)" + s_device + R"(,"OperationItems":["x","y"],"OperationScene":2})"));
-    EXPECT_EQ(client.outcomes.Take(), "detection found") << "twice answered, twice told";
+    EXPECT_EQ(outcomes.Take(), "detection found") << "twice answered, twice told";
     EXPECT_EQ(client.StartRepair({}, 0, Device()), 0);
-    EXPECT_EQ(client.outcomes.Take(), "repair mended");
-    EXPECT_EQ(LastRequest(), Request(0x820007, 0x820008, R"({"DeviceInfo":)" + s_device + R"(,"OperationScene":0})"));
+    EXPECT_EQ(outcomes.Take(), "repair mended");
+    EXPECT_EQ(LastRequest(0x820007),
+              Request(0x820007, 0x820008, R"({"DeviceInfo":)" + s_device + R"(,"OperationScene":0})"));
+    EXPECT_EQ(outcomes.Take(), "repair mended");
     EXPECT_EQ(client.CancelNotify(""), 0);
-    EXPECT_EQ(LastRequest(), Request(0x82000b, 0x82000b, ""));
+    EXPECT_EQ(LastRequest(0x82000b), Request(0x82000b, 0x82000b, ""));
 }
 
 TEST_F(ClientsTest, AServiceThatDiesEndsTheCallAtOnce) {
@@ -224,13 +242,13 @@ TEST_F(ClientsTest, CrashDumpHistoryAndCancel) {
     client.GetBsodHistory(dumps, status);
     EXPECT_EQ(dumps, (std::list<std::string>{"x", "a", "b"}));
     EXPECT_EQ(status, 1);
-    EXPECT_EQ(LastRequest(kCrashDumps), Request(0x82000c, 0x82000c, ""));
+    EXPECT_EQ(LastRequest(0x82000c, kCrashDumps), Request(0x82000c, 0x82000c, ""));
     Script(0x82000c, R"({"result_status":"no"})" + kNul, kCrashDumps);
     EXPECT_THROW(client.GetBsodHistory(dumps, status), Json::LogicError);
     Script(0x82000f, "2" + kNul, kCrashDumps);
     EXPECT_EQ(client.CancelAnalysis(), -1);
     EXPECT_EQ(client.StartBsodAnalysis(), 0);
-    EXPECT_EQ(LastRequest(kCrashDumps), Request(0x82000d, 0x82000e, ""));
+    EXPECT_EQ(LastRequest(0x82000d, kCrashDumps), Request(0x82000d, 0x82000e, ""));
 }
 
 // ---- The C interface -----------------------------------------------------------------------------------------------
@@ -250,7 +268,7 @@ TEST_F(ClientsTest, TheCInterfaceCutsAtItsLimitsAndRefusesNull) {
     EXPECT_EQ(list->count, 50);
     EXPECT_EQ(list->items[0], std::string(198, 'a')) << "it just fits";
     EXPECT_EQ(list->items[49], std::string(197, 'a')) << "cut at a whole character";
-    EXPECT_NE(LastRequest().find(std::string(200, 'd') + "\""), std::string::npos);
+    EXPECT_NE(LastRequest(0x820002).find(std::string(200, 'd') + "\""), std::string::npos);
 
     std::vector<char> text(DFS_FAULT_INFO_SIZE + 1, '#');
     Script(0x820010, std::string(300'000, 'f') + kNul);
@@ -264,7 +282,7 @@ TEST_F(ClientsTest, TheCInterfaceCutsAtItsLimitsAndRefusesNull) {
     for (const auto& [count, passed] : std::map<int, std::size_t>{{-1, 0}, {0, 0}, {2, 2}, {80, 50}}) {
         list->count = count;
         EXPECT_EQ(CStartDetection(handle, list.get(), 1, &device), 0);
-        const std::string request = LastRequest();
+        const std::string request = LastRequest(0x820004);
         EXPECT_EQ(static_cast<std::size_t>(std::count(request.begin(), request.end(), 'a')) / 197, passed) << count;
     }
     EXPECT_EQ(CCancelNotify(handle, "t"), 0);
