@@ -1,7 +1,7 @@
 // What the first bytes of a crash dump tell: its kind, and who or what failed.
 //
 // Three kinds are known. Their layouts are taken from what their makers have published:
-//   ELF cores       the ELF specification (ident, file header, program headers, notes), and the structures
+//   ELF cores       the System V ABI on object files (ident, file header, program headers, notes), and the structures
 //                   elf_prstatus and elf_prpsinfo of the system header <sys/procfs.h> for what is in the notes
 //   kernel dumps    the structures DUMP_HEADER32 and DUMP_HEADER64 of the Windows debugger's documentation
 //   minidumps       the structures MINIDUMP_* of the system header <minidumpapiset.h>
