@@ -64,14 +64,15 @@ public:
         auto* const completed = reinterpret_cast<Operation*>(done.overlapped);
         completed->done = done;
         auto& started = completed->writes ? m_writes : m_reads;
-        int ended = 0;
+        std::vector<std::unique_ptr<Operation>> ended; // all first: what starts anew belongs to the thread it ends on
         while (!started.empty() && started.front()->done) {
-            const std::unique_ptr<Operation> operation = std::move(started.front());
+            ended.push_back(std::move(started.front()));
             started.pop_front();
-            Take(*operation);
-            ++ended;
         }
-        return (m_live -= ended) == 0;
+        for (const auto& operation : ended) {
+            Take(*operation);
+        }
+        return (m_live -= static_cast<int>(ended.size())) == 0;
     }
 
     Connection m_connection;
