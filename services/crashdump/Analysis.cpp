@@ -29,7 +29,7 @@ void Analyser::Start(const Asker& asker) {
 // Why not; empty: the run is in the queue.
 std::string Analyser::Enqueue(const Asker& asker) {
     const std::lock_guard guard(m_lock);
-    const auto isTheirs = [&asker](const auto& run) { return run->asker.module == asker.module; };
+    const auto isTheirs = [&asker](const auto& run) { return run->asker.moduleId == asker.moduleId; };
     if (m_stopping) {
         return "the service ends";
     }
@@ -44,10 +44,10 @@ std::string Analyser::Enqueue(const Asker& asker) {
     return {};
 }
 
-bool Analyser::Cancel(std::int32_t module) {
+bool Analyser::Cancel(std::int32_t moduleId) {
     const std::lock_guard guard(m_lock);
     for (const auto& run : m_runs) {
-        if (run->asker.module == module) {
+        if (run->asker.moduleId == moduleId) {
             run->cancelled = true;
             return true;
         }

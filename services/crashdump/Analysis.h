@@ -1,6 +1,7 @@
 // Analyses of the dumps, in the background: what somebody asked for is worked off run by run, on one thread.
 #pragma once
 
+#include "services/common/ServiceModule.h"
 #include "services/crashdump/DumpFolder.h"
 
 #include <json/value.h>
@@ -18,11 +19,7 @@
 
 namespace Vantor::Sentrix::CrashDump {
 
-// Who asked, and what the answers to it repeat.
-struct Asker {
-    std::int32_t module = 0;
-    std::int32_t correlation = 0;
-};
+using Services::Asker;
 
 // Every run ends with one last outcome message: finished, cancelled or refused.
 //
@@ -40,7 +37,7 @@ public:
     // Refused while a run of the same module is under way, and when very many wait.
     void Start(const Asker& asker);
     // True: the module had a run under way, whose last message will be that it was cancelled.
-    bool Cancel(std::int32_t module);
+    bool Cancel(std::int32_t moduleId);
     // Cancels everything and waits until nothing more is told. What is started afterwards is refused.
     void Stop();
 

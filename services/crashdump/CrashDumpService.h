@@ -1,12 +1,11 @@
 // The crash-dump service: what it answers on the bus. docs/services.md has the messages.
 #pragma once
 
+#include "services/common/ServiceModule.h"
 #include "services/crashdump/Analysis.h"
 #include "services/crashdump/DumpFolder.h"
-#include "veyrasvc/bus/IPCMessageExport.h"
 
 #include <mutex>
-#include <string>
 #include <vector>
 
 namespace Vantor::Sentrix::CrashDump {
@@ -26,13 +25,11 @@ public:
 
 private:
     void OnHistory(const Asker& asker);
-    void OnCancel(const Asker& asker);
-    void Answer(const Asker& asker, int answerId, std::string text) const;
 
     const std::vector<DumpPlace> m_places;
     std::mutex m_listing; // one listing at a time, however many ask
     Analyser m_analyser;
-    IPCMessageClient m_client; // last, and so destroyed first: its callbacks use all of the above
+    Services::ServiceModule m_module; // last, and so destroyed first: its handlers use all of the above
 };
 
 } // namespace Vantor::Sentrix::CrashDump

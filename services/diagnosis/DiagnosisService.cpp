@@ -2,8 +2,7 @@
 
 #include "services/diagnosis/Checks.h"
 #include "services/diagnosis/TempFiles.h"
-#include "tools/support/ModuleStatus.h"
-#include "veyrasvc/bus/ModuleId.h"
+#include "tools/support/ServiceText.h"
 
 #include <algorithm>
 #include <chrono>
@@ -32,20 +31,13 @@ constexpr char kTempFiles[] = "temp.files";
 constexpr std::size_t kMostSteps = 1000; // of one run: every item many times over
 constexpr std::size_t kMostListeners = 1000;
 
-// A request that claims to come from everybody would be answered to everybody, and one that claims to come from this
-// module would be answered for ever.
-bool CanBeAnswered(const TagIPCMessageItem& item) {
-    return item.fromModuleId != static_cast<int>(ModuleId::kBroadcast) && item.fromModuleId != -1 &&
-           item.fromModuleId != kModule;
-}
-
 std::string Capability(const char* member, const std::vector<std::string>& items) {
     Json::Value value;
     value[member] = Json::arrayValue;
     for (const std::string& item : items) {
         value[member].append(item);
     }
-    return OneLine(value);
+    return Support::OneLine(value);
 }
 
 std::vector<std::string> ItemsOf(Kind kind) {
@@ -75,59 +67,44 @@ DiagnosisService::DiagnosisService(std::filesystem::path tempFolder)
     : m_tempFolder(std::move(tempFolder)),
       m_runs(
           [this](const Asker& asker, Kind kind, const Json::Value& message) {
-              Post(asker, kind == Kind::Detection ? kDetectionOutcome : kRepairOutcome, OneLine(message));
+              m_module.Post(asker, kind == Kind::Detection ? kDetectionOutcome : kRepairOutcome,
+                            Support::OneLine(message));
           },
           [this](const std::string& item, const Finding& finding) { return Record(item, finding); }),
-      m_client(kModule, false, false) {
+      m_module(kModule) {
     const auto cancel = [this](int id, Kind kind) {
-        On(id, [this, id, kind](const Asker& asker, const std::string&) {
-            Post(asker, id, m_runs.Cancel(asker.moduleId, kind) ? "0" : "1");
+        m_module.On(id, [this, id, kind](const Asker& asker, const std::string&) {
+            m_module.Post(asker, id, m_runs.Cancel(asker.moduleId, kind) ? "0" : "1");
         });
     };
     const auto answer = [this](int id, const std::string& text) {
-        On(id, [this, id, text](const Asker& asker, const std::string&) { Post(asker, id, text); });
+        m_module.On(id, [this, id, text](const Asker& asker, const std::string&) { m_module.Post(asker, id, text); });
     };
     answer(kVersion, VEYRA_VERSION);
     answer(kDetectCapability, Capability("DetectCapability", ItemsOf(Kind::Detection)));
     answer(kRepairCapability, Capability("RepairCapability", ItemsOf(Kind::Repair)));
     cancel(kCancelDetection, Kind::Detection);
     cancel(kCancelRepair, Kind::Repair);
-    On(kStartDetection, [this](const Asker& asker, const std::string& text) { OnStart(asker, Kind::Detection, text); });
-    On(kStartRepair, [this](const Asker& asker, const std::string& text) { OnStart(asker, Kind::Repair, text); });
-    On(kNoMoreNotifications,
-       [this](const Asker& asker, const std::string& text) { OnNoMoreNotifications(asker, text); });
-    On(kFaultEvents, [this](const Asker& asker, const std::string& text) {
-        Post(asker, kFaultEvents, OneLine(m_history.Answer(text)));
+    m_module.On(kStartDetection,
+                [this](const Asker& asker, const std::string& text) { OnStart(asker, Kind::Detection, text); });
+    m_module.On(kStartRepair,
+                [this](const Asker& asker, const std::string& text) { OnStart(asker, Kind::Repair, text); });
+    m_module.On(kNoMoreNotifications,
+                [this](const Asker& asker, const std::string& text) { OnNoMoreNotifications(asker, text); });
+    m_module.On(kFaultEvents, [this](const Asker& asker, const std::string& text) {
+        m_module.Post(asker, kFaultEvents, Support::OneLine(m_history.Answer(text)));
     });
 }
 
 DiagnosisService::~DiagnosisService() {
-    m_runs.Close(); // they tell through the client, which goes first
+    m_runs.Close(); // they tell through the module, which goes first
 }
 
 bool DiagnosisService::AwaitBus() {
-    constexpr std::chrono::hours kAlways{24 * 365};
-    if (Support::StatusQuery(m_client).Ask(kModule, kAlways) != Support::ModuleStatus::Online) {
-        return false;
-    }
-    // Sent back by the server: whoever asked has gone and hears no more of it.
-    m_client.RegisterMessageCallback(static_cast<int>(ControlMessage::kModuleOffline), [this](TagIPCMessageItem& item) {
-        if (const auto module = Support::ReadModuleId(item)) {
-            OnGone(static_cast<std::int32_t>(*module));
-        }
-    });
-    return true;
+    return m_module.AwaitBus([this](std::int32_t moduleId) { OnGone(moduleId); });
 }
 
 // ---- Requests ------------------------------------------------------------------------------------------------------
-
-void DiagnosisService::On(int requestId, Handler handle) {
-    m_client.RegisterMessageCallback(requestId, [handle = std::move(handle)](TagIPCMessageItem& item) {
-        if (CanBeAnswered(item)) {
-            handle({item.fromModuleId, item.uniqMsgId}, TextOf(item));
-        }
-    });
-}
 
 void DiagnosisService::OnStart(const Asker& asker, Kind kind, const std::string& text) {
     std::vector<Step> steps;
@@ -135,7 +112,7 @@ void DiagnosisService::OnStart(const Asker& asker, Kind kind, const std::string&
         steps = StepsOf(kind, text);
     } catch (const Json::Exception& error) {
         const int id = kind == Kind::Detection ? kDetectionOutcome : kRepairOutcome;
-        Post(asker, id, OneLine(DescribeRefusal(kind, error.what())));
+        m_module.Post(asker, id, Support::OneLine(DescribeRefusal(kind, error.what())));
         return;
     }
     {
@@ -189,9 +166,9 @@ void DiagnosisService::OnGone(std::int32_t moduleId) {
 
 int DiagnosisService::Record(const std::string& item, const Finding& finding) {
     const FaultEvent event = m_history.Record(SecondsSince1970(), NameOf(finding.outcome), item, finding.text);
-    const std::string text = OneLine(ToJson(event));
+    const std::string text = Support::OneLine(ToJson(event));
     for (const std::int32_t moduleId : ListenersFor(event.type)) {
-        Post({moduleId, 0}, kNotification, text);
+        m_module.Post({moduleId, 0}, kNotification, text);
     }
     return event.id;
 }
@@ -205,16 +182,6 @@ std::vector<std::int32_t> DiagnosisService::ListenersFor(const std::string& type
         }
     }
     return listeners;
-}
-
-void DiagnosisService::Post(const Asker& asker, int messageId, const std::string& text) const {
-    TagIPCMessageItem item;
-    item.toModuleId = asker.moduleId;
-    item.msgId = messageId;
-    item.uniqMsgId = asker.correlationId;
-    item.dataLen = static_cast<std::int32_t>(text.size() + 1);
-    item.data = const_cast<char*>(text.c_str()); // the bus only reads it
-    m_client.PostIPCMessage(item);
 }
 
 } // namespace Vantor::Sentrix::Diagnosis

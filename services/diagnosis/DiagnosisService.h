@@ -1,13 +1,12 @@
 // The diagnosis service: what it answers on the bus. docs/services.md has the messages.
 #pragma once
 
+#include "services/common/ServiceModule.h"
 #include "services/diagnosis/FaultHistory.h"
 #include "services/diagnosis/Runs.h"
-#include "veyrasvc/bus/IPCMessageExport.h"
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -31,10 +30,8 @@ public:
     bool AwaitBus();
 
 private:
-    using Handler = std::function<void(const Asker& asker, const std::string& text)>;
     using Unwanted = std::set<std::string>; // types of events; the empty text stands for all
 
-    void On(int requestId, Handler handle);
     void OnStart(const Asker& asker, Kind kind, const std::string& text);
     void OnNoMoreNotifications(const Asker& asker, const std::string& type);
     void OnGone(std::int32_t moduleId);
@@ -43,7 +40,6 @@ private:
     std::vector<Step> StepsOf(Kind kind, const std::string& text) const;
     int Record(const std::string& item, const Finding& finding);
     std::vector<std::int32_t> ListenersFor(const std::string& type);
-    void Post(const Asker& asker, int messageId, const std::string& text) const;
 
     const std::filesystem::path m_tempFolder;
     FaultHistory m_history;
@@ -52,7 +48,7 @@ private:
     std::map<std::int32_t, Unwanted> m_listeners; // guarded by m_mutex; modules that have started a run
 
     Runs m_runs;
-    IPCMessageClient m_client; // last, and so destroyed first: its callbacks use all of the above
+    Services::ServiceModule m_module; // last, and so destroyed first: its handlers use all of the above
 };
 
 } // namespace Vantor::Sentrix::Diagnosis

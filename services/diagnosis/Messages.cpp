@@ -1,7 +1,6 @@
 #include "services/diagnosis/Messages.h"
 
 #include <json/reader.h>
-#include <json/writer.h>
 
 #include <algorithm>
 #include <memory>
@@ -25,20 +24,7 @@ Json::Value Head(const Progress& progress, const char* state) {
 
 } // namespace
 
-std::string TextOf(const TagIPCMessageItem& item) {
-    if (item.data == nullptr || item.dataLen < 1) {
-        return {};
-    }
-    return {item.data, std::find(item.data, item.data + item.dataLen, '\0')};
-}
-
-std::string OneLine(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
-
-Json::Value ParseObject(const std::string& text) {
+Json::Value ParseObject(std::string_view text) {
     if (text.size() > kLongestText) {
         throw Json::RuntimeError("longer than " + std::to_string(kLongestText) + " bytes");
     }

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "services/diagnosis/Finding.h"
-#include "veyrasvc/bus/IPCMessageExport.h"
 
 #include <json/value.h>
 
@@ -11,17 +10,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Vantor::Sentrix::Diagnosis {
 
-// The body up to its NUL, or to its end when the sender forgot it.
-std::string TextOf(const TagIPCMessageItem& item);
-
-std::string OneLine(const Json::Value& value);
-
 // Throws Json::Exception for a text that is too long, no JSON or no object.
-Json::Value ParseObject(const std::string& text);
+Json::Value ParseObject(std::string_view text);
 
 // What a start asks for.
 struct StartParameters {

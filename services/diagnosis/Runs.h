@@ -1,6 +1,7 @@
 // Detections and repairs under way: each has a worker thread, and each asking module has one at most.
 #pragma once
 
+#include "services/common/ServiceModule.h"
 #include "services/diagnosis/Messages.h"
 
 #include <condition_variable>
@@ -14,11 +15,7 @@
 
 namespace Vantor::Sentrix::Diagnosis {
 
-// To whom a request is answered.
-struct Asker {
-    std::int32_t moduleId;
-    std::int32_t correlationId;
-};
+using Services::Asker;
 
 struct Step {
     std::string item;

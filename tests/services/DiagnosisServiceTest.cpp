@@ -3,6 +3,7 @@
 #include "services/diagnosis/Judgement.h"
 #include "services/diagnosis/Messages.h"
 #include "tests/support/BusProgram.h"
+#include "tools/support/ServiceText.h"
 #include "tools/support/Utf8.h"
 #include "veyrasvc/diagnosis/DFSClient.h"
 
@@ -54,9 +55,9 @@ TEST(DiagnosisHistory, IsBoundedAndAsked) {
 
 struct Customer : DFSClient {
     Customer() : DFSClient(kMe) {}
-    void OnRecvStartDetection(TagIPCMessageItem& item) override { outcomes.Put(ParseObject(TextOf(item))); }
-    void OnRecvStartRepair(TagIPCMessageItem& item) override { outcomes.Put(ParseObject(TextOf(item))); }
-    void OnRecvStartNotify(TagIPCMessageItem& item) override { notices.Put(ParseObject(TextOf(item))); }
+    void OnRecvStartDetection(TagIPCMessageItem& item) override { outcomes.Put(ParseObject(Support::TextOf(item))); }
+    void OnRecvStartRepair(TagIPCMessageItem& item) override { outcomes.Put(ParseObject(Support::TextOf(item))); }
+    void OnRecvStartNotify(TagIPCMessageItem& item) override { notices.Put(ParseObject(Support::TextOf(item))); }
     Json::Value Next() { return outcomes.Take().value_or(Json::Value()); }
     Json::Value NextThatEnds() {
         const Json::Value message = Next();

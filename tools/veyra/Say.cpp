@@ -1,13 +1,11 @@
 #include "tools/veyra/Say.h"
 
-#include "tools/support/StandardIo.h"
-
-#include <string>
+#include "tools/support/Program.h"
 
 namespace Vantor::Sentrix::Tool {
 
 void Say(std::string_view text) {
-    Support::WriteTalk("veyra: " + std::string(text) + '\n');
+    Support::Say("veyra", text);
 }
 
 } // namespace Vantor::Sentrix::Tool

@@ -1,12 +1,11 @@
 #include "tools/veyra/ServiceCall.h"
 
+#include "tools/support/ServiceText.h"
 #include "tools/support/Stop.h"
 #include "tools/support/Utf8.h"
 #include "tools/veyra/Ids.h"
 #include "tools/veyra/Say.h"
 #include "tools/veyra/Verbs.h"
-
-#include <json/writer.h>
 
 #include <algorithm>
 #include <condition_variable>
@@ -116,9 +115,7 @@ int AskService(const Service& service, const std::function<int(ServiceWatch&)>& 
 // ---- Texts ---------------------------------------------------------------------------------------------------------
 
 std::string JsonLine(const Json::Value& value) {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, value) + '\n';
+    return Support::OneLine(value) + '\n';
 }
 
 std::string Printable(std::string_view text) {

@@ -1,5 +1,6 @@
 #include "tools/veyra/ServiceRun.h"
 
+#include "tools/support/ServiceText.h"
 #include "tools/support/StandardIo.h"
 #include "tools/support/Stop.h"
 #include "tools/veyra/Say.h"
@@ -35,15 +36,6 @@ std::uint64_t CountedBy(const Json::Value& last) {
         counted += last[count].isUInt() ? last[count].asUInt64() : 0;
     }
     return counted;
-}
-
-// A text ends with a NUL; one that was forgotten does no harm.
-std::string_view TextOf(const TagIPCMessageItem& item) {
-    if (item.data == nullptr || item.dataLen < 1) {
-        return {};
-    }
-    const std::string_view body(item.data, static_cast<std::size_t>(item.dataLen));
-    return body.substr(0, body.find('\0'));
 }
 
 Json::Value ParseOutcome(std::string_view text) {
@@ -87,7 +79,7 @@ std::string LastLine(const Json::Value& outcome) {
 void RunOutcomes::Take(const TagIPCMessageItem& item) noexcept {
     std::string fault;
     try {
-        Add(ParseOutcome(TextOf(item)));
+        Add(ParseOutcome(Support::TextOf(item)));
         return;
     } catch (const std::exception& error) {
         fault = error.what();

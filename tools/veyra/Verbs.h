@@ -1,6 +1,8 @@
 // The verbs of the program. Each adds its subcommand and returns what runs when it was given.
 #pragma once
 
+#include "tools/support/Program.h"
+
 #include <functional>
 #include <vector>
 
@@ -10,10 +12,10 @@ class App;
 
 namespace Vantor::Sentrix::Tool {
 
-// Exit codes of every verb. Wrong usage is 2; the parser finds it before a verb runs.
-inline constexpr int kDone = 0;
-inline constexpr int kFailed = 1;
-inline constexpr int kWrongUsage = 2;
+// Exit codes of every verb. The parser finds wrong usage before a verb runs.
+using Support::kDone;
+using Support::kFailed;
+using Support::kWrongUsage;
 
 struct Verb {
     CLI::App* command;

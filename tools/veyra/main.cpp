@@ -1,14 +1,11 @@
 // veyra: the operator's program of the message bus.
 #include "logging/Logger.h"
-#include "tools/support/StandardIo.h"
-#include "tools/veyra/Say.h"
+#include "tools/support/Program.h"
 #include "tools/veyra/Verbs.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
-#include <exception>
-#include <sstream>
 #include <vector>
 
 namespace Vantor::Sentrix::Tool {
@@ -36,30 +33,15 @@ void QuietLog(log4cplus::LogLevel level) {
     }
 }
 
-int Parse(CLI::App& program, int argc, char** argv) {
-    try {
-        program.parse(argc, argv);
-        return kDone;
-    } catch (const CLI::ParseError& error) {
-        std::ostringstream help;
-        std::ostringstream fault;
-        const int code = program.exit(error, help, fault);
-        Support::WriteOutput(help.str());
-        Support::WriteTalk(fault.str());
-        return code == 0 ? -1 : kWrongUsage; // -1: help was asked for and given
-    }
-}
-
 int Run(int argc, char** argv) {
     CLI::App program("Serves and uses the message bus of this machine.", "veyra");
     program.footer(kFooter);
     program.require_subcommand(1);
-    program.allow_windows_style_options(false); // a body or a path may begin with a slash, on every system
     const std::vector<Verb> verbs = {
         AddServe(program),  AddSend(program),     AddPost(program),       AddPublish(program), AddListen(program),
         AddStatus(program), AddDiagnose(program), AddCrashDumps(program), AddBench(program),   AddBenchWorker(program)};
-    if (const int result = Parse(program, argc, argv); result != kDone) {
-        return result < 0 ? kDone : result;
+    if (const auto exitCode = Support::ParseArguments(program, argc, argv)) {
+        return *exitCode;
     }
     if (program.got_subcommand("bench-worker")) {
         QuietLog(log4cplus::FATAL_LOG_LEVEL); // a host tells of its start as an error
@@ -73,12 +55,6 @@ int Run(int argc, char** argv) {
 } // namespace Vantor::Sentrix::Tool
 
 int main(int argc, char** argv) {
-    using namespace Vantor::Sentrix::Tool;
-    const Vantor::Sentrix::Support::Utf8Console console;
-    try {
-        return Run(argc, argv);
-    } catch (const std::exception& error) {
-        Say(error.what());
-        return kFailed;
-    }
+    using namespace Vantor::Sentrix;
+    return Support::RunProgram("veyra", [&] { return Tool::Run(argc, argv); });
 }
