@@ -17,7 +17,7 @@ std::string Golden(const std::string& name) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-BasePacket PacketWith(const std::vector<std::uint32_t>& ids, std::string iv, std::string body) {
+BasePacket PacketWith(const std::vector<std::uint32_t>& ids, std::string iv, const std::string& body) {
     BasePacket packet;
     packet.SetTo(ids[0]);
     packet.SetFrom(ids[1]);
@@ -27,7 +27,7 @@ BasePacket PacketWith(const std::vector<std::uint32_t>& ids, std::string iv, std
     packet.SetUniqMsgId(ids[5]);
     packet.SetEncrypted(!iv.empty());
     packet.SetIv(std::move(iv));
-    packet.SetBody(std::move(body));
+    packet.SetBody(body);
     return packet;
 }
 
@@ -38,9 +38,8 @@ std::string FrameOf(const BasePacket& packet) {
 }
 
 BasePacket ReadFrame(const std::string& frame) {
-    constexpr std::size_t kHeader = 16;
     BasePacket packet;
-    packet.DeserializeFrom(frame.data() + kHeader, frame.size() - kHeader);
+    packet.DeserializeFrame({nullptr, frame});
     return packet;
 }
 

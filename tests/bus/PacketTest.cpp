@@ -51,7 +51,7 @@ std::pair<Frames, bool> Cut(const Frames& pieces) {
     Frames frames;
     bool inStep = true;
     for (const std::string& piece : pieces) {
-        inStep = inStep && cutter.Feed(piece, [&](const FrameCutter::Frame& one) { frames.emplace_back(one.bytes); });
+        inStep = inStep && cutter.Feed(piece, [&](const SharedBytes& one) { frames.emplace_back(one.bytes); });
     }
     return {frames, inStep};
 }
@@ -117,7 +117,7 @@ TEST(PacketTest, EveryFieldTravelsAndBytesThatAreMissingReadAsZero) {
     for (std::size_t length = 0; length <= payload.size(); ++length) {
         std::string cut = payload.substr(0, length);
         BasePacket packet = PacketOf(kFull);
-        packet.DeserializeFrom(cut.data(), cut.size());
+        packet.DeserializeFrame({nullptr, std::string(FrameHeader::kSize, '\0') + cut});
         cut.resize(payload.size());
         EXPECT_EQ(FrameOf(packet), ParseRawFrame(RawFrame(cut)).Frame()) << length;
     }

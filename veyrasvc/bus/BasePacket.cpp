@@ -1,10 +1,12 @@
 #include "veyrasvc/bus/BasePacket.h"
 
-#include "veyrasvc/bus/Frame.h"
 #include "veyrasvc/bus/PayloadCipher.h"
 #include "veyrasvc/stream/SpanStream.h"
-#include "veyrasvc/stream/StringStream.h"
 #include "veyrasvc/util/ByteOrder.h"
+#include "veyrasvc/util/Storage.h"
+
+#include <algorithm>
+#include <limits>
 
 namespace Vantor::Sentrix {
 
@@ -13,8 +15,25 @@ namespace {
 // Seven integers and two string lengths.
 constexpr std::size_t kFixedPayloadBytes = 36;
 constexpr std::size_t kIvBytes = 16;
+constexpr std::size_t kIvLengthOffset = 28;
+constexpr std::size_t kFixedFrameBytes = FrameHeader::kSize + kFixedPayloadBytes;
+// Room for a frame's head in front of a body; rounded up, so that the body is aligned for whatever callers put there.
+constexpr std::size_t kHeadRoom = (kFixedFrameBytes + kIvBytes + 15) / 16 * 16;
+
+std::size_t Length32(const char* at) {
+    return LoadBigEndian32(at);
+}
 
 } // namespace
+
+void BasePacket::SetBody(std::string_view body) {
+    m_headRoom = kHeadRoom;
+    m_body.storage = AllocateStorage(m_headRoom + body.size());
+    body.copy(m_body.storage.get() + m_headRoom, body.size());
+    m_body.bytes = {m_body.storage.get() + m_headRoom, body.size()};
+}
+
+// ---- Payloads ------------------------------------------------------------------------------------------------------
 
 void BasePacket::Serialize(StreamWriter& writer) const {
     writer.Write(m_to);
@@ -25,7 +44,7 @@ void BasePacket::Serialize(StreamWriter& writer) const {
     writer.Write(m_uniqMsgId);
     writer.Write(std::uint32_t{m_encrypted ? 1u : 0u});
     writer.Write(m_iv);
-    writer.Write(m_body);
+    writer.Write(std::string(m_body.bytes));
 }
 
 void BasePacket::Deserialize(StreamReader& reader) {
@@ -37,25 +56,84 @@ void BasePacket::Deserialize(StreamReader& reader) {
     m_uniqMsgId = reader.ReadUInt();
     m_encrypted = reader.ReadUInt() != 0;
     m_iv = reader.ReadString();
-    m_body = reader.ReadString();
+    SetBody(reader.ReadString());
 }
 
-void BasePacket::DeserializeFrom(const char* payload, std::size_t length) {
-    SpanStream stream(payload, length);
-    StreamReader reader(&stream);
-    Deserialize(reader);
+// ---- Frames --------------------------------------------------------------------------------------------------------
+
+void BasePacket::DeserializeFrame(const SharedBytes& frame) {
+    if (!TakeWhole(frame)) {
+        SpanStream stream(frame.bytes.data() + FrameHeader::kSize, frame.bytes.size() - FrameHeader::kSize);
+        StreamReader reader(&stream);
+        Deserialize(reader);
+    }
+}
+
+// The usual case, which needs no reader: nothing is missing. False, and nothing is changed: something is.
+bool BasePacket::TakeWhole(const SharedBytes& frame) {
+    const std::string_view bytes = frame.bytes;
+    const char* const payload = bytes.data() + FrameHeader::kSize;
+    const std::size_t ivLength = bytes.size() < kFixedFrameBytes ? bytes.size() : Length32(payload + kIvLengthOffset);
+    if (ivLength > bytes.size() - std::min(bytes.size(), kFixedFrameBytes)) {
+        return false;
+    }
+    const std::string_view body = bytes.substr(kFixedFrameBytes + ivLength);
+    if (Length32(body.data() - 4) != body.size() || body.size() > std::numeric_limits<std::int32_t>::max()) {
+        return false;
+    }
+    m_to = LoadBigEndian32(payload);
+    m_from = LoadBigEndian32(payload + 4);
+    m_msgId = LoadBigEndian32(payload + 8);
+    m_msgType = LoadBigEndian32(payload + 12);
+    m_replyMsgId = LoadBigEndian32(payload + 16);
+    m_uniqMsgId = LoadBigEndian32(payload + 20);
+    m_encrypted = LoadBigEndian32(payload + 24) != 0;
+    m_iv.assign(payload + kIvLengthOffset + 4, ivLength);
+    if (frame.storage) {
+        m_body = {frame.storage, body};
+        m_headRoom = 0;
+    } else {
+        SetBody(body);
+    }
+    return true;
+}
+
+SharedBytes BasePacket::ToFrame() const {
+    const std::size_t headBytes = kFixedFrameBytes + m_iv.size();
+    const std::size_t frameBytes = headBytes + m_body.bytes.size();
+    SharedBytes frame{m_body.storage, {}};
+    char* head = nullptr;
+    if (headBytes <= m_headRoom) {
+        head = m_body.storage.get() + m_headRoom - headBytes;
+    } else {
+        frame.storage = AllocateStorage(frameBytes);
+        head = frame.storage.get();
+        m_body.bytes.copy(head + headBytes, m_body.bytes.size());
+    }
+    frame.bytes = {head, frameBytes};
+
+    char* at = head + FrameHeader::kSize;
+    const auto append = [&at](std::size_t value) {
+        StoreBigEndian32(at, static_cast<std::uint32_t>(value));
+        at += sizeof(std::uint32_t);
+    };
+    for (const std::uint32_t value : {m_to, m_from, m_msgId, m_msgType, m_replyMsgId, m_uniqMsgId}) {
+        append(value);
+    }
+    append(m_encrypted ? 1 : 0);
+    append(m_iv.size());
+    at += m_iv.copy(at, m_iv.size());
+    append(m_body.bytes.size());
+    FrameHeader::Write(head, frameBytes - FrameHeader::kSize);
+    return frame;
 }
 
 bool BasePacket::BuildFrame(std::string& output) const {
-    const std::size_t begin = output.size();
-    output.reserve(begin + FrameHeader::kSize + kFixedPayloadBytes + m_iv.size() + m_body.size());
-    output.append(FrameHeader::kSize, '\0');
-    StringStream stream(output);
-    StreamWriter writer(&stream);
-    Serialize(writer);
-    FrameHeader::Write(output.data() + begin, output.size() - begin - FrameHeader::kSize);
+    output.append(ToFrame().bytes);
     return true;
 }
+
+// ---- Ciphers -------------------------------------------------------------------------------------------------------
 
 bool BasePacket::EncryptData(const char* data, std::size_t length, std::string& ciphertext, std::string& iv) {
     unsigned char* cipherBytes = nullptr;
@@ -76,8 +154,8 @@ bool BasePacket::DecryptBody(char*& output, std::size_t& outputLength) const {
     unsigned char* plain = nullptr;
     std::size_t plainLength = 0;
     if (m_iv.size() != kIvBytes || DecryptPayload(reinterpret_cast<const unsigned char*>(m_iv.data()),
-                                                  reinterpret_cast<const unsigned char*>(m_body.data()), m_body.size(),
-                                                  &plain, &plainLength) != 0) {
+                                                  reinterpret_cast<const unsigned char*>(m_body.bytes.data()),
+                                                  m_body.bytes.size(), &plain, &plainLength) != 0) {
         return false;
     }
     if (plainLength == 0) {
@@ -95,7 +173,7 @@ std::string ModuleIdBody(std::uint32_t moduleId) {
     return body;
 }
 
-bool ReadModuleIdBody(const std::string& body, std::uint32_t& moduleId) {
+bool ReadModuleIdBody(std::string_view body, std::uint32_t& moduleId) {
     if (body.size() < sizeof moduleId) {
         return false;
     }

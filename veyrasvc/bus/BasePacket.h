@@ -1,11 +1,13 @@
 // One message of the bus.
 #pragma once
 
+#include "veyrasvc/bus/Frame.h"
 #include "veyrasvc/stream/SimpleStream.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace Vantor::Sentrix {
 
@@ -15,8 +17,9 @@ namespace Vantor::Sentrix {
 // Threads: none of its own; once a packet crosses threads it is held by std::shared_ptr and no longer changed.
 class BasePacket {
 public:
-    const std::string& GetBody() const { return m_body; }
-    void SetBody(std::string body) { m_body = std::move(body); }
+    // Valid as long as this packet or a copy of it.
+    std::string_view GetBody() const { return m_body.bytes; }
+    void SetBody(std::string_view body); // copies
     const std::string& GetIv() const { return m_iv; }
     void SetIv(std::string iv) { m_iv = std::move(iv); }
     bool GetEncrypted() const { return m_encrypted; }
@@ -37,10 +40,14 @@ public:
     void Serialize(StreamWriter& writer) const;
     // Reads the payload. Fields that a short payload lacks read as zero or empty; there is no error.
     void Deserialize(StreamReader& reader);
-    // The same from bytes in memory, which are only read and need to live no longer than the call.
-    void DeserializeFrom(const char* payload, std::size_t length);
+    // The same from a frame (see Frame.h), which is only read. Its storage, if it has one, becomes the body's; else the
+    // body is copied.
+    void DeserializeFrame(const SharedBytes& frame);
 
-    // Appends the packet as one frame (see Frame.h) to `output`. Always true.
+    // The packet as one frame. A body that was set is not copied: the frame's head is written in front of it. So of a
+    // packet and its copies only one may do this at a time, and the frame shares their storage.
+    SharedBytes ToFrame() const;
+    // Appends the frame to `output`. Always true.
     bool BuildFrame(std::string& output) const;
 
     // Enciphers `length` bytes. False leaves both outputs alone: the arguments are unusable, or the cipher or the
@@ -52,8 +59,11 @@ public:
     bool DecryptBody(char*& output, std::size_t& outputLength) const;
 
 private:
-    std::string m_body; // the ciphertext when m_encrypted is set
-    std::string m_iv;   // 16 bytes for an encrypted body
+    bool TakeWhole(const SharedBytes& frame);
+
+    SharedBytes m_body;         // the ciphertext when m_encrypted is set; ends with its storage when that has head room
+    std::size_t m_headRoom = 0; // bytes of the storage in front of the body that a frame's head may be written to
+    std::string m_iv;           // 16 bytes for an encrypted body
     bool m_encrypted = false;
     std::uint32_t m_replyMsgId = 0;
     std::uint32_t m_uniqMsgId = 0;
@@ -66,6 +76,6 @@ private:
 // A module id as the 4 bytes of a status notice or query, little-endian unlike every integer of the payload.
 std::string ModuleIdBody(std::uint32_t moduleId);
 // The id in such a body; false when it is shorter than 4 bytes.
-bool ReadModuleIdBody(const std::string& body, std::uint32_t& moduleId);
+bool ReadModuleIdBody(std::string_view body, std::uint32_t& moduleId);
 
 } // namespace Vantor::Sentrix

@@ -2,8 +2,11 @@
 
 #include "veyrasvc/bus/Crc32.h"
 #include "veyrasvc/util/ByteOrder.h"
+#include "veyrasvc/util/Storage.h"
 
 #include <algorithm>
+#include <cstring>
+#include <utility>
 
 namespace Vantor::Sentrix {
 
@@ -11,6 +14,13 @@ namespace {
 
 // Room that is reserved at once for an announced frame; a longer one grows with its bytes.
 constexpr std::size_t kReserveLimit = 16 * 1024 * 1024;
+
+// In front of a frame that is put together: with it the body of a plain packet, 52 bytes into the frame, is aligned for
+// whatever callers put there.
+constexpr std::size_t kLead = 12;
+
+// Fewer bytes are as well read with what follows them.
+constexpr std::size_t kRoomWorthwhile = 4096;
 
 } // namespace
 
@@ -34,9 +44,22 @@ bool FrameHeader::IsPayloadIntact(std::string_view frame) {
 }
 
 void FrameCutter::Clear() {
-    std::string().swap(m_held); // an idle connection holds no buffer
+    m_storage.reset(); // an idle connection holds no buffer
+    m_capacity = m_size = 0;
     m_needed = FrameHeader::kSize;
     m_measured = false;
+}
+
+char* FrameCutter::Held() const {
+    return m_storage.get() + kLead;
+}
+
+SharedBytes FrameCutter::TakeHeld() {
+    const std::size_t size = m_size;
+    SharedBytes frame{std::move(m_storage), {}};
+    frame.bytes = {frame.storage.get() + kLead, size};
+    Clear();
+    return frame;
 }
 
 std::size_t FrameCutter::LengthOfFirst(std::string_view bytes) {
@@ -51,20 +74,45 @@ std::size_t FrameCutter::LengthOfFirst(std::string_view bytes) {
 }
 
 bool FrameCutter::Gather(std::string_view& bytes) {
-    const std::size_t taken = std::min(bytes.size(), m_needed - m_held.size());
-    m_held.append(bytes.substr(0, taken));
+    const std::size_t taken = std::min(bytes.size(), m_needed - m_size);
+    Reserve(m_size + taken);
+    std::memcpy(Held() + m_size, bytes.data(), taken);
+    m_size += taken;
     bytes.remove_prefix(taken);
-    if (m_measured || m_held.size() < m_needed) {
+    if (m_measured || m_size < m_needed) {
         return true;
     }
-    if (!FrameHeader::IsIntact(m_held.data())) {
+    if (!FrameHeader::IsIntact(Held())) {
         Clear();
         return false;
     }
-    m_needed += FrameHeader::PayloadLength(m_held.data());
+    m_needed += FrameHeader::PayloadLength(Held());
     m_measured = true;
-    m_held.reserve(std::min(m_needed, kReserveLimit));
     return true;
+}
+
+// What is announced is reserved at once up to a limit; beyond it the room doubles as the bytes come.
+void FrameCutter::Reserve(std::size_t bytes) {
+    if (bytes <= m_capacity) {
+        return;
+    }
+    const std::size_t capacity = std::min(m_needed, std::max(2 * m_capacity, m_measured ? kReserveLimit : bytes));
+    m_capacity = std::max(bytes, capacity);
+    auto grown = AllocateStorage(kLead + m_capacity);
+    if (m_size > 0) {
+        std::memcpy(grown.get() + kLead, Held(), m_size);
+    }
+    m_storage = std::move(grown);
+}
+
+std::span<char> FrameCutter::Room() {
+    if (!m_measured || m_needed - m_size < kRoomWorthwhile) {
+        return {};
+    }
+    if (m_size == m_capacity) {
+        Reserve(m_size + 1);
+    }
+    return {Held() + m_size, m_capacity - m_size};
 }
 
 } // namespace Vantor::Sentrix

@@ -6,7 +6,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
+#include <memory>
+#include <span>
 #include <string_view>
 
 namespace Vantor::Sentrix {
@@ -28,37 +29,49 @@ struct FrameHeader {
     static bool IsPayloadIntact(std::string_view frame);
 };
 
+// Bytes and what keeps them. Threads: as for the bytes; the last holder, on whatever thread, gives them back.
+struct SharedBytes {
+    std::shared_ptr<char[]> storage; // null: somebody else sees to it
+    std::string_view bytes;
+};
+
 // Cuts a byte stream into frames. It takes the bytes as they come and keeps what does not make a whole frame yet.
 // No bound is put on a frame's length; the memory follows the bytes that arrived, not the length that was announced.
 // Threads: one at a time.
 class FrameCutter {
 public:
-    struct Frame {
-        std::string_view bytes; // header included; valid while it is being handled
-        // Where a frame that came in pieces was put together: the handler may move it away. Else null.
-        std::string* storage;
-    };
-
-    // Hands every frame that is whole now to `handle(Frame)`. False when the bytes are out of step: everything held is
-    // dropped and nothing of these bytes is kept.
+    // Hands every frame that is whole now to `handle(const SharedBytes&)`: the header is included; without a storage
+    // the bytes are valid during the call only. False when the bytes are out of step: everything held is dropped and
+    // nothing of these bytes is kept.
     template <class Handler> bool Feed(std::string_view bytes, Handler&& handle) {
         while (!bytes.empty()) {
-            const std::size_t whole = m_held.empty() ? LengthOfFirst(bytes) : kIncomplete;
+            const std::size_t whole = m_size == 0 ? LengthOfFirst(bytes) : kIncomplete;
             if (whole == kCorrupt) {
                 return false;
             }
             if (whole != kIncomplete) {
-                handle(Frame{bytes.substr(0, whole), nullptr}); // from where it is, without a copy
+                handle(SharedBytes{nullptr, bytes.substr(0, whole)}); // from where it is, without a copy
                 bytes.remove_prefix(whole);
             } else if (!Gather(bytes)) {
                 return false;
-            } else if (m_held.size() == m_needed && m_measured) {
-                handle(Frame{m_held, &m_held});
-                Clear();
+            } else if (IsWhole()) {
+                handle(TakeHeld());
             }
         }
         return true;
     }
+
+    // Where the next bytes may be stored directly instead of being fed: inside a long frame, else nowhere. Valid until
+    // the next call of another operation. `Filled` says how many have been.
+    std::span<char> Room();
+    template <class Handler> void Filled(std::size_t bytes, Handler&& handle) {
+        m_size += bytes;
+        if (IsWhole()) {
+            handle(TakeHeld());
+        }
+    }
+    // Keeps the room while a read into it is outstanding.
+    const std::shared_ptr<char[]>& Storage() const { return m_storage; }
 
     void Clear();
 
@@ -68,11 +81,18 @@ private:
 
     // Of the frame that the bytes begin with, if it is whole.
     static std::size_t LengthOfFirst(std::string_view bytes);
-    // Moves bytes over to m_held, as far as the header or the frame there needs them. False: the header is corrupt.
+    // Moves bytes over to the storage, as far as the header or the frame there needs them. False: the header is
+    // corrupt.
     bool Gather(std::string_view& bytes);
+    void Reserve(std::size_t bytes);
+    bool IsWhole() const { return m_measured && m_size == m_needed; }
+    char* Held() const;
+    SharedBytes TakeHeld();
 
-    std::string m_held;                        // the front of a frame
-    std::size_t m_needed = FrameHeader::kSize; // the bytes m_held should have: a header, or the whole frame
+    std::shared_ptr<char[]> m_storage; // holds the front of a frame
+    std::size_t m_capacity = 0;
+    std::size_t m_size = 0;
+    std::size_t m_needed = FrameHeader::kSize; // the bytes it should have: a header, or the whole frame
     bool m_measured = false;                   // the header has been read
 };
 

@@ -206,7 +206,7 @@ bool IPCMessageClient::ConvertMessageToPacket(std::shared_ptr<BasePacket>& packe
     }
     const auto length = static_cast<std::size_t>(item.dataLen);
     if (!item.encrypt) {
-        packet->SetBody(std::string(item.data, length));
+        packet->SetBody({item.data, length});
         return true;
     }
     std::string ciphertext;
@@ -214,7 +214,7 @@ bool IPCMessageClient::ConvertMessageToPacket(std::shared_ptr<BasePacket>& packe
     if (!BasePacket::EncryptData(item.data, length, ciphertext, iv)) {
         return false;
     }
-    packet->SetBody(std::move(ciphertext));
+    packet->SetBody(ciphertext);
     packet->SetIv(std::move(iv));
     return true;
 }
@@ -227,7 +227,7 @@ bool IPCMessageClient::ConvertPacketToMessage(TagIPCMessageItem& item,
     item.replyMsgId = Signed(packet->GetReplyMsgId());
     item.msgType = Signed(packet->GetMsgType());
     item.uniqMsgId = Signed(packet->GetUniqMsgId());
-    const std::string& body = packet->GetBody();
+    const std::string_view body = packet->GetBody();
     if (body.empty()) {
         return true;
     }

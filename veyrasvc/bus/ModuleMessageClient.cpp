@@ -32,13 +32,11 @@ bool BaseMessageClient::CreateEvents() {
     m_writeEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     m_exitEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     m_sendEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    m_recvEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    return m_readEvent != nullptr && m_writeEvent != nullptr && m_exitEvent != nullptr && m_sendEvent != nullptr &&
-           m_recvEvent != nullptr;
+    return m_readEvent != nullptr && m_writeEvent != nullptr && m_exitEvent != nullptr && m_sendEvent != nullptr;
 }
 
 void BaseMessageClient::CloseEvents() {
-    for (HANDLE* event : {&m_readEvent, &m_writeEvent, &m_exitEvent, &m_sendEvent, &m_recvEvent}) {
+    for (HANDLE* event : {&m_readEvent, &m_writeEvent, &m_exitEvent, &m_sendEvent}) {
         if (*event != nullptr) {
             CloseHandle(*event);
             *event = nullptr;
@@ -54,51 +52,34 @@ bool BaseMessageClient::Start() {
     m_stop = 0;
     if (CreateEvents()) {
         m_workerThread = CreateThread(nullptr, 0, &BaseMessageClient::WorkerProc, this, 0, nullptr);
-        m_notifyThread = m_workerThread == nullptr
-                             ? nullptr
-                             : CreateThread(nullptr, 0, &BaseMessageClient::NotifyProc, this, 0, nullptr);
-        if (m_notifyThread != nullptr) {
+        if (m_workerThread != nullptr) {
             return true;
         }
     }
     m_stop = 1;
-    if (m_workerThread != nullptr) {
-        SetEvent(m_exitEvent);
-        EndThread(m_workerThread);
-    }
     CloseEvents();
     return false;
 }
 
 void BaseMessageClient::Stop() {
+    constexpr DWORD kPatienceMs = 1000;
     const AutoLock lock(&m_lifecycleLock);
     m_stop = 1;
-    DiscardQueues();
+    {
+        const AutoLock sending(&m_sendQueue);
+        m_sendQueue.m_items = {};
+    }
     if (m_workerThread != nullptr) {
         // Not the read and write events: those say that an operation has completed, and the I/O thread would wait for
         // it. The events stay open: a sender may be about to signal one. The process takes them with it.
-        for (const HANDLE event : {m_exitEvent, m_sendEvent, m_recvEvent}) {
-            SetEvent(event);
-        }
-        EndThread(m_workerThread);
-        EndThread(m_notifyThread);
+        SetEvent(m_exitEvent);
+        SetEvent(m_sendEvent);
+        // The thread looks at m_stop after every step and waits nowhere without the exit event, so this is short.
+        WaitForSingleObject(m_workerThread, kPatienceMs);
+        CloseHandle(m_workerThread);
+        m_workerThread = nullptr;
     }
     ReleaseWaits();
-}
-
-// The thread looks at m_stop after every step and waits nowhere without the exit event, so this is short.
-void BaseMessageClient::EndThread(HANDLE& thread) {
-    constexpr DWORD kPatienceMs = 1000;
-    WaitForSingleObject(thread, kPatienceMs);
-    CloseHandle(thread);
-    thread = nullptr;
-}
-
-void BaseMessageClient::DiscardQueues() {
-    for (LockQueue<std::string>* queue : {&m_recvQueue, &m_sendQueue}) {
-        const AutoLock lock(queue);
-        std::queue<std::string>().swap(queue->m_items);
-    }
 }
 
 // ---- Registries ----------------------------------------------------------------------------------------------------
@@ -170,10 +151,8 @@ void BaseMessageClient::UpdatePidMid() {
     registration.SetFrom(GetCurrentProcessId());
     registration.SetTo(ModuleId::kMsgServer);
     registration.SetMsgId(ControlMessage::kRegistration);
-    registration.SetBody(std::move(body));
-    std::string frame;
-    registration.BuildFrame(frame);
-    QueueBytes(std::move(frame));
+    registration.SetBody(body);
+    QueueBytes(registration.ToFrame());
 }
 
 // ---- Sending and routing -------------------------------------------------------------------------------------------
@@ -206,12 +185,7 @@ bool BaseMessageClient::SendPacket(const std::shared_ptr<BasePacket>& packet) {
 }
 
 bool BaseMessageClient::QueueFrame(const std::shared_ptr<BasePacket>& packet) {
-    std::string frame;
-    packet->BuildFrame(frame);
-    if (frame.empty()) {
-        return false;
-    }
-    QueueBytes(std::move(frame));
+    QueueBytes(packet->ToFrame());
     return true;
 }
 

@@ -1,10 +1,10 @@
 // The client engine: the one connection of a process to the bus.
 //
-// The road of a frame out: the sender's thread queues it and, when nothing is queued before it and it is short, writes
-// it as well. What the pipe does not take at once, long frames, and a rush of frames are left to the I/O thread.
+// The road of a frame out: the sender's thread writes it when nothing is queued before it and it is short. What the
+// pipe does not take at once, long frames, and a rush of frames are queued for the I/O thread, short ones joined.
 // The road in: the I/O thread reads, cuts frames, decodes and routes. Routing wakes waiting senders and queues work
-// items for callbacks, and never runs foreign code. A long payload, and whatever comes while one is being decoded, goes
-// to the dispatch thread instead, so that reading goes on.
+// items for callbacks, and never runs foreign code; a long body stays where it was read to. So this thread is never
+// held up, and dispatching needs no thread of its own.
 //
 // Waits are woken exactly once: a ReplyWait is on the list from before its request leaves; whoever finds it there (an
 // answer, an offline notice, the end of the connection) stores the outcome, takes it off and then signals. What nobody
@@ -61,8 +61,8 @@ public:
 
     // True when the engine runs. False: an event or a thread could not be had, and nothing of it is left.
     bool Start();
-    // Ends both threads (each is waited for at most 1000 ms), discards frames that are not written yet and payloads
-    // that are not dispatched yet, and ends every wait without an answer. Nothing is sent or received any more.
+    // Ends the I/O thread (it is waited for at most 1000 ms), discards frames that are not written yet, and ends every
+    // wait without an answer. Nothing is sent or received any more.
     void Stop();
     bool IsStopped() const { return m_stop != 0; }
 
@@ -113,8 +113,6 @@ private:
 
     bool CreateEvents();
     void CloseEvents();
-    void EndThread(HANDLE& thread);
-    void DiscardQueues();
 
     // The I/O thread.
     static DWORD WorkerProc(void* engine);
@@ -130,18 +128,16 @@ private:
     bool StartRead(bool& completed);
     bool OnReadComplete();
     bool OnWriteComplete();
-    bool ExtractFrames(const char* bytes, std::size_t length);
+    bool ExtractFrames(std::size_t length);
+    void Deliver(const SharedBytes& frame);
     bool PumpWrite(bool& drained);
     bool WriteChunk(bool& written) VEYRA_REQUIRES(m_sendQueue);
+    void EndWritten() VEYRA_REQUIRES(m_sendQueue);
     bool MayWriteAtOnce(std::size_t length) const VEYRA_REQUIRES(m_sendQueue);
 
-    // The dispatch thread.
-    static DWORD NotifyProc(void* engine);
-    void DispatchReceived();
-    void Deliver(const FrameCutter::Frame& frame);
-    void DecodeAndRoute(std::string_view frame);
-
-    void QueueBytes(std::string frame);
+    void QueueBytes(SharedBytes frame);
+    void Enqueue(SharedBytes frame) VEYRA_REQUIRES(m_sendQueue);
+    void DropBegun() VEYRA_REQUIRES(m_sendQueue);
     bool InRush() VEYRA_REQUIRES(m_sendQueue);
     void RoutePacket(const std::shared_ptr<BasePacket>& packet);
     static void Signal(const std::list<std::shared_ptr<ReplyWait>>& waits);
@@ -153,32 +149,33 @@ private:
     std::atomic<DWORD> m_stop{0};
     CommonLock m_lifecycleLock; // serialises Start and Stop
     HANDLE m_workerThread = nullptr;
-    HANDLE m_notifyThread = nullptr;
 
-    // Constant while the engine runs. Manual-reset: read, write, exit; auto-reset: send, receive.
+    // Constant while the engine runs. Manual-reset: read, write, exit; auto-reset: send.
     HANDLE m_readEvent = nullptr;
     HANDLE m_writeEvent = nullptr;
     HANDLE m_exitEvent = nullptr;
     HANDLE m_sendEvent = nullptr;
-    HANDLE m_recvEvent = nullptr;
 
     // Touched only by the I/O thread.
     bool m_connected = false; // the result of the last Connect
     bool m_reading = false;   // a read is outstanding
+    bool m_readsOn = false;   // it goes on with the frame in m_recvData, rather than into m_readBuffer
     OVERLAPPED m_readOverlapped{};
     char m_readBuffer[kPipeIoBytes];
     FrameCutter m_recvData;
 
-    LockQueue<std::string> m_recvQueue;         // frames for the dispatch thread
-    std::atomic<std::size_t> m_undispatched{0}; // frames pushed there and not yet routed
-
     // The writing side: the send queue's lock guards all of it.
-    LockQueue<std::string> m_sendQueue; // whole frames
+    struct Outgoing {
+        SharedBytes frame;  // one frame, or
+        std::string joined; // short ones one after another
+        std::string_view Bytes() const { return frame.storage ? frame.bytes : joined; }
+    };
+    LockQueue<Outgoing> m_sendQueue;
     HANDLE m_pipe VEYRA_GUARDED_BY(m_sendQueue) = INVALID_HANDLE_VALUE;
     bool m_writing VEYRA_GUARDED_BY(m_sendQueue) = false; // a write is outstanding
     DWORD m_writeLength VEYRA_GUARDED_BY(m_sendQueue) = 0;
     OVERLAPPED m_writeOverlapped VEYRA_GUARDED_BY(m_sendQueue){};
-    std::string m_sendRest VEYRA_GUARDED_BY(m_sendQueue); // the frame that is being written; the write reads from it
+    Outgoing m_sendRest VEYRA_GUARDED_BY(m_sendQueue);              // what is being written; the write reads from it
     std::size_t m_sendRestOffset VEYRA_GUARDED_BY(m_sendQueue) = 0; // how much of it was handed to the pipe
     std::chrono::steady_clock::time_point m_lastQueued VEYRA_GUARDED_BY(m_sendQueue); // when a frame came last
     int m_inRush VEYRA_GUARDED_BY(m_sendQueue) = 0; // frames that have come in close succession

@@ -1,10 +1,11 @@
-// The engine's two threads: the connection to the router, and the dispatch of what is not routed at once.
+// The engine's thread: the connection to the router, and the dispatch of what comes over it.
 #include "veyrasvc/bus/ModuleMessageClient.h"
 #include "veyrasvc/util/LogStatement.h"
 
 #include <algorithm>
 #include <chrono>
 #include <new>
+#include <span>
 #include <string_view>
 
 namespace Vantor::Sentrix {
@@ -15,13 +16,16 @@ constexpr DWORD kConnectTimeoutMs = 1000;
 constexpr DWORD kReconnectIntervalMs = 1000;
 // A wait for a busy pipe cannot be interrupted, so it is made of slices between which a stop is noticed.
 constexpr DWORD kPipeWaitSliceMs = 50;
-constexpr DWORD kDispatchIntervalMs = 30000;
 
+// Bytes of one write at most, and of one read into a long frame.
+constexpr std::size_t kTransferBytes = 64 * 1024;
+constexpr std::size_t kLongReadBytes = 256 * 1024;
 // A frame up to this length may be written by its sender. A longer one would keep the sender busy with many writes,
 // which the I/O thread can join.
 constexpr std::size_t kDirectFrameBytes = 32 * 1024;
-// A frame up to this length is decoded by the I/O thread itself: copying it is cheaper than waking another thread.
-constexpr std::size_t kInlineFrameBytes = 64 * 1024;
+// A frame up to this length is joined with others that wait to be written: copying it is cheaper than a write of its
+// own.
+constexpr std::size_t kJoinedFrameBytes = 4 * 1024;
 // Reads and writes in a row before the other direction has its turn.
 constexpr int kTransfersPerTurn = 64;
 
@@ -31,6 +35,7 @@ constexpr int kTransfersPerTurn = 64;
 
 DWORD BaseMessageClient::WorkerProc(void* engine) {
     LOG_DEBUG("ModuleMessageClient WorkerProc Thread Id:" << GetCurrentThreadId());
+    LOG_DEBUG("ModuleMessageClient NotifyProc Thread Id:" << GetCurrentThreadId()); // which dispatches as well
     static_cast<BaseMessageClient*>(engine)->RunConnection();
     return 0;
 }
@@ -115,12 +120,23 @@ void BaseMessageClient::Disconnect() {
     if (writing) {
         GetOverlappedResult(INVALID_HANDLE_VALUE, &m_writeOverlapped, &bytes, TRUE);
     }
-    // A frame that was begun is lost; one that was not goes first when there is a pipe again.
-    if (m_sendRestOffset > 0) {
-        m_sendRest.clear();
-        m_sendRestOffset = 0;
-    }
+    DropBegun();
     m_recvData.Clear();
+}
+
+// What was handed to the pipe is lost, with the rest of a frame that was begun. Frames that were not go first when
+// there is a pipe again.
+void BaseMessageClient::DropBegun() {
+    if (m_sendRestOffset == 0) {
+        return;
+    }
+    const std::string_view frames = m_sendRest.Bytes();
+    std::size_t end = 0;
+    while (end < m_sendRestOffset) {
+        end += FrameHeader::kSize + FrameHeader::PayloadLength(frames.data() + end);
+    }
+    m_sendRest = {{}, std::string(frames.substr(end))};
+    m_sendRestOffset = 0;
 }
 
 // One turn: read and write what goes, then wait for more. False when the connection is broken.
@@ -180,9 +196,20 @@ bool BaseMessageClient::StartRead(bool& completed) {
         const AutoLock lock(&m_sendQueue);
         pipe = m_pipe;
     }
+    std::span<char> room;
+    try {
+        room = m_recvData.Room();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    m_readsOn = !room.empty();
+    if (!m_readsOn) {
+        room = m_readBuffer;
+    }
     m_readOverlapped = {};
     m_readOverlapped.hEvent = m_readEvent;
-    completed = ReadFile(pipe, m_readBuffer, sizeof m_readBuffer, nullptr, &m_readOverlapped) != FALSE;
+    const auto length = static_cast<DWORD>(std::min(room.size(), kLongReadBytes));
+    completed = ReadFile(pipe, room.data(), length, nullptr, &m_readOverlapped) != FALSE;
     m_reading = completed || GetLastError() == ERROR_IO_PENDING;
     return m_reading;
 }
@@ -194,46 +221,34 @@ bool BaseMessageClient::OnReadComplete() {
     if (GetOverlappedResult(INVALID_HANDLE_VALUE, &m_readOverlapped, &bytes, TRUE) == FALSE && bytes == 0) {
         return false;
     }
-    return ExtractFrames(m_readBuffer, bytes);
+    return ExtractFrames(bytes);
 }
 
 // Bytes that are out of step are dropped and the connection stays. False: no memory for what is coming.
-bool BaseMessageClient::ExtractFrames(const char* bytes, std::size_t length) {
+bool BaseMessageClient::ExtractFrames(std::size_t length) {
+    const auto deliver = [this](const SharedBytes& frame) { Deliver(frame); };
     try {
-        m_recvData.Feed({bytes, length}, [this](const FrameCutter::Frame& frame) { Deliver(frame); });
+        if (m_readsOn) {
+            m_recvData.Filled(length, deliver);
+        } else {
+            m_recvData.Feed({m_readBuffer, length}, deliver);
+        }
         return true;
     } catch (const std::bad_alloc&) {
         return false;
     }
 }
 
-void BaseMessageClient::Deliver(const FrameCutter::Frame& frame) {
-    if (m_undispatched == 0 && frame.bytes.size() <= kInlineFrameBytes) {
-        DecodeAndRoute(frame.bytes);
-        return;
-    }
-    ++m_undispatched;
-    {
-        const AutoLock lock(&m_recvQueue);
-        if (frame.storage != nullptr) {
-            m_recvQueue.m_items.push(std::move(*frame.storage));
-        } else {
-            m_recvQueue.m_items.emplace(frame.bytes);
-        }
-    }
-    SetEvent(m_recvEvent);
-}
-
-void BaseMessageClient::DecodeAndRoute(std::string_view frame) {
+void BaseMessageClient::Deliver(const SharedBytes& frame) {
     const auto packet = std::make_shared<BasePacket>();
-    packet->DeserializeFrom(frame.data() + FrameHeader::kSize, frame.size() - FrameHeader::kSize);
+    packet->DeserializeFrame(frame);
     DispatchRecvPackage(packet);
 }
 
 // ---- Writing -------------------------------------------------------------------------------------------------------
 
 bool BaseMessageClient::MayWriteAtOnce(std::size_t length) const {
-    return m_pipe != INVALID_HANDLE_VALUE && !m_writing && m_sendRest.empty() && m_sendQueue.m_items.empty() &&
+    return m_pipe != INVALID_HANDLE_VALUE && !m_writing && m_sendRest.Bytes().empty() && m_sendQueue.m_items.empty() &&
            length <= kDirectFrameBytes;
 }
 
@@ -248,19 +263,39 @@ bool BaseMessageClient::InRush() {
     return m_inRush > kFew;
 }
 
-void BaseMessageClient::QueueBytes(std::string frame) {
+void BaseMessageClient::QueueBytes(SharedBytes frame) {
     const AutoLock lock(&m_sendQueue);
     if (IsStopped()) {
         return; // would be discarded with the rest of the queue
     }
-    const bool atOnce = !InRush() && MayWriteAtOnce(frame.size());
-    m_sendQueue.m_items.push(std::move(frame));
-    bool written = atOnce;
-    while (written && WriteChunk(written)) {
+    if (!InRush() && MayWriteAtOnce(frame.bytes.size())) {
+        m_sendRest.frame = std::move(frame);
+        bool written = true;
+        while (written && WriteChunk(written)) {
+        }
+        if (!m_sendRest.Bytes().empty()) {
+            SetEvent(m_sendEvent); // the I/O thread does not know yet that there is something to write
+        }
+        return;
     }
-    if (!atOnce || !m_sendRest.empty() || !m_sendQueue.m_items.empty()) {
+    const bool wasIdle = m_sendRest.Bytes().empty() && m_sendQueue.m_items.empty();
+    Enqueue(std::move(frame));
+    if (wasIdle) {
         SetEvent(m_sendEvent);
     }
+}
+
+void BaseMessageClient::Enqueue(SharedBytes frame) {
+    auto& waiting = m_sendQueue.m_items;
+    const std::size_t length = frame.bytes.size();
+    if (length > kJoinedFrameBytes) {
+        waiting.push({std::move(frame), {}});
+        return;
+    }
+    if (waiting.empty() || waiting.back().frame.storage || waiting.back().joined.size() + length > kTransferBytes) {
+        waiting.emplace();
+    }
+    waiting.back().joined += frame.bytes;
 }
 
 // Writes the next piece. `written`: it is done and another may follow. False when the pipe is broken.
@@ -269,29 +304,34 @@ bool BaseMessageClient::WriteChunk(bool& written) {
     if (m_writing) {
         return true;
     }
-    if (m_sendRest.empty()) {
+    if (m_sendRest.Bytes().empty()) {
         if (m_sendQueue.m_items.empty()) {
             return true;
         }
         m_sendRest = std::move(m_sendQueue.m_items.front());
         m_sendQueue.m_items.pop();
     }
-    const std::size_t length = std::min(m_sendRest.size() - m_sendRestOffset, kPipeIoBytes);
+    const std::string_view rest = m_sendRest.Bytes().substr(m_sendRestOffset, kTransferBytes);
     m_writeOverlapped = {};
     m_writeOverlapped.hEvent = m_writeEvent;
-    written = WriteFile(m_pipe, m_sendRest.data() + m_sendRestOffset, static_cast<DWORD>(length), nullptr,
-                        &m_writeOverlapped) != FALSE;
+    written = WriteFile(m_pipe, rest.data(), static_cast<DWORD>(rest.size()), nullptr, &m_writeOverlapped) != FALSE;
     if (!written && GetLastError() != ERROR_IO_PENDING) {
         return false;
     }
     m_writing = !written;
-    m_writeLength = static_cast<DWORD>(length);
-    m_sendRestOffset += length;
-    if (written && m_sendRestOffset == m_sendRest.size()) {
-        m_sendRest.clear();
-        m_sendRestOffset = 0;
+    m_writeLength = static_cast<DWORD>(rest.size());
+    m_sendRestOffset += rest.size();
+    if (written) {
+        EndWritten();
     }
     return true;
+}
+
+void BaseMessageClient::EndWritten() {
+    if (m_sendRestOffset == m_sendRest.Bytes().size()) {
+        m_sendRest = {};
+        m_sendRestOffset = 0;
+    }
 }
 
 bool BaseMessageClient::PumpWrite(bool& drained) {
@@ -323,43 +363,8 @@ bool BaseMessageClient::OnWriteComplete() {
         m_sendRestOffset -= m_writeLength;
     }
     m_writeLength = 0;
-    if (m_sendRestOffset == m_sendRest.size()) {
-        m_sendRest.clear();
-        m_sendRestOffset = 0;
-    }
+    EndWritten();
     return true;
-}
-
-// ---- The dispatch thread -------------------------------------------------------------------------------------------
-
-DWORD BaseMessageClient::NotifyProc(void* engine) {
-    LOG_DEBUG("ModuleMessageClient NotifyProc Thread Id:" << GetCurrentThreadId());
-    auto* self = static_cast<BaseMessageClient*>(engine);
-    while (self->m_stop == 0) {
-        WaitForSingleObject(self->m_recvEvent, kDispatchIntervalMs);
-        self->DispatchReceived();
-    }
-    return 0;
-}
-
-void BaseMessageClient::DispatchReceived() {
-    while (m_stop == 0) {
-        std::string frame;
-        {
-            const AutoLock lock(&m_recvQueue);
-            if (m_recvQueue.m_items.empty()) {
-                return;
-            }
-            frame = std::move(m_recvQueue.m_items.front());
-            m_recvQueue.m_items.pop();
-        }
-        try {
-            DecodeAndRoute(frame);
-        } catch (const std::bad_alloc&) {
-            LOG_ERROR("no memory for a received message. bytes=" << frame.size());
-        }
-        --m_undispatched;
-    }
 }
 
 } // namespace Vantor::Sentrix

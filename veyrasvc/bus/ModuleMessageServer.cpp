@@ -9,15 +9,17 @@
 
 #include <algorithm>
 #include <iterator>
-#include <limits>
 #include <new>
+#include <span>
+#include <utility>
 
 namespace Vantor::Sentrix {
 
 namespace {
 
 constexpr std::size_t kMaxConnections = 100;
-constexpr std::size_t kHeaderFieldBytes = 16; // of the payload, as far as the router reads it
+constexpr std::size_t kLongestRead = 256 * 1024; // of one read into a long frame
+constexpr std::size_t kHeaderFieldBytes = 16;    // of the payload, as far as the router reads it
 
 // Display names for the packet log; shared by the whole process and never destroyed, because the worker may log while
 // the process exits.
@@ -57,7 +59,7 @@ std::set<std::uint32_t> ParseModuleIds(const std::string& text) {
 // The text of a registration; empty when it cannot be deciphered.
 std::string RegistrationText(const BasePacket& packet) {
     if (!packet.GetEncrypted()) {
-        return packet.GetBody();
+        return std::string(packet.GetBody());
     }
     char* plain = nullptr;
     std::size_t length = 0;
@@ -151,29 +153,55 @@ void ModuleMessageServer::OnConnectionClose(IOCPContext* context, IOCPBuffer* bu
 }
 
 void ModuleMessageServer::OnRecvData(IOCPContext* context, IOCPBuffer* buffer) {
-    Connection* connection = nullptr;
-    {
-        const AutoLock lock(&m_connections);
-        const auto found = m_connections.m_items.find(reinterpret_cast<std::uint64_t>(context));
-        if (found == m_connections.m_items.end()) {
-            return;
-        }
-        connection = found->second; // ends only by this thread
+    Connection* const connection = Find(context);
+    if (connection == nullptr) {
+        return;
     }
     const AutoLock lock(connection);
+    const auto handle = [&](const SharedBytes& frame) { HandlePacket(*connection, frame); };
     bool inStep = false;
     try {
-        inStep =
-            connection->m_recvBuffer.Feed({buffer->m_data, buffer->m_length}, [&](const FrameCutter::Frame& frame) {
-                HandlePacket(*connection, frame.bytes);
-            });
+        if (buffer->m_storage) {
+            connection->m_recvBuffer.Filled(buffer->m_length, handle);
+            inStep = true;
+        } else {
+            inStep = connection->m_recvBuffer.Feed({buffer->m_data, buffer->m_length}, handle);
+        }
+        SendRun(*connection);
     } catch (const std::bad_alloc&) {
         LOG_ERROR("no memory for a frame; the connection is closed. pid=" << connection->m_pid);
         connection->m_recvBuffer.Clear();
+        m_run = {};
     }
     if (!inStep) {
         ClosePipe(context);
     }
+}
+
+// The rest of a long frame is read where it belongs.
+void ModuleMessageServer::OnBeforeRead(IOCPContext* context, IOCPBuffer* buffer) {
+    Connection* const connection = Find(context);
+    if (connection == nullptr) {
+        return;
+    }
+    const AutoLock lock(connection);
+    try {
+        if (const std::span<char> room = connection->m_recvBuffer.Room(); !room.empty()) {
+            buffer->m_data = room.data();
+            buffer->m_length = static_cast<DWORD>(std::min(room.size(), kLongestRead));
+            buffer->m_storage = connection->m_recvBuffer.Storage();
+        }
+    } catch (const std::bad_alloc&) {
+        LOG_ERROR("no memory for a frame; the connection is closed. pid=" << connection->m_pid);
+        ClosePipe(context);
+    }
+}
+
+// The connection ends only by this thread.
+ModuleMessageServer::Connection* ModuleMessageServer::Find(const IOCPContext* context) {
+    const AutoLock lock(&m_connections);
+    const auto found = m_connections.m_items.find(reinterpret_cast<std::uint64_t>(context));
+    return found == m_connections.m_items.end() ? nullptr : found->second;
 }
 
 void ModuleMessageServer::Link(Connection& connection, std::uint32_t moduleId) {
@@ -193,20 +221,52 @@ void ModuleMessageServer::Unlink(Connection& connection, std::uint32_t moduleId)
 
 // ---- Routing -------------------------------------------------------------------------------------------------------
 
-void ModuleMessageServer::HandlePacket(Connection& connection, std::string_view frame) {
+void ModuleMessageServer::HandlePacket(Connection& connection, const SharedBytes& frame) {
     std::uint32_t counter = ++packetCounter;
     PacketHeader header{};
-    if (!ReadPacketHeader(frame, counter, header)) {
+    if (!ReadPacketHeader(frame.bytes, counter, header)) {
         return;
     }
     LogPacket("Recv Packet", counter, header.from, header.to, header.msgId);
-    if (!HandleServerPacket(connection, frame, counter, header)) {
+    if (header.msgType != MessageType::kPublished && header.to == ModuleId::kMsgServer &&
+        header.msgId == ControlMessage::kRegistration) {
+        SendRun(connection);
+        ApplyRegistration(connection, frame, header);
         return;
     }
-    if (header.to == ModuleId::kBroadcast) {
-        SendToOtherProcesses(connection, frame, counter, header, "Send broad Packet to Pid. ");
+    if (JoinRun(frame, header)) {
+        return;
+    }
+    SendRun(connection);
+    m_run = {frame, 1, header, counter};
+    if (frame.storage || IsLogEnabled(LogLevel::Debug)) {
+        SendRun(connection); // nothing can join it, or the log is to tell of one packet after the other
+    }
+}
+
+bool ModuleMessageServer::JoinRun(const SharedBytes& frame, const PacketHeader& header) {
+    std::string_view& run = m_run.frames.bytes;
+    const PacketHeader& first = m_run.header;
+    if (m_run.count == 0 || run.data() + run.size() != frame.bytes.data() || header.to != first.to ||
+        header.from != first.from || header.msgType != first.msgType) {
+        return false;
+    }
+    run = {run.data(), run.size() + frame.bytes.size()};
+    ++m_run.count;
+    return true;
+}
+
+void ModuleMessageServer::SendRun(const Connection& sender) {
+    const Run run = std::exchange(m_run, {});
+    if (run.count == 0) {
+        return;
+    }
+    if (run.header.msgType == MessageType::kPublished) {
+        SendToOtherProcesses(sender, run, "Send publish Packet .Pid. ");
+    } else if (run.header.to == ModuleId::kBroadcast) {
+        SendToOtherProcesses(sender, run, "Send broad Packet to Pid. ");
     } else {
-        SendToModule(frame, counter, header);
+        SendToModule(run);
     }
 }
 
@@ -225,20 +285,8 @@ bool ModuleMessageServer::ReadPacketHeader(std::string_view frame, std::uint32_t
     return true;
 }
 
-bool ModuleMessageServer::HandleServerPacket(Connection& connection, std::string_view frame, std::uint32_t counter,
-                                             const PacketHeader& header) {
-    if (header.msgType == MessageType::kPublished) {
-        SendToOtherProcesses(connection, frame, counter, header, "Send publish Packet .Pid. ");
-        return false;
-    }
-    if (header.to == ModuleId::kMsgServer && header.msgId == ControlMessage::kRegistration) {
-        ApplyRegistration(connection, frame, header);
-        return false;
-    }
-    return true;
-}
-
-void ModuleMessageServer::SendToModule(std::string_view frame, std::uint32_t counter, const PacketHeader& header) {
+void ModuleMessageServer::SendToModule(const Run& run) {
+    const PacketHeader& header = run.header;
     m_targets.clear();
     {
         const AutoLock lock(&m_connections);
@@ -248,17 +296,16 @@ void ModuleMessageServer::SendToModule(std::string_view frame, std::uint32_t cou
         }
     }
     for (const Connection* receiver : m_targets) {
-        SendToConnection(*receiver, frame);
-        LogPacket("Send Packet To Module.Id. ", counter, header.from, header.to, header.msgId);
+        SendToConnection(*receiver, run.frames);
+        LogPacket("Send Packet To Module.Id. ", run.counter, header.from, header.to, header.msgId);
     }
-    if (m_targets.empty()) {
+    for (std::size_t missed = m_targets.empty() ? run.count : 0; missed > 0; --missed) {
         PostStatus(static_cast<std::int32_t>(header.from), header.to, ControlMessage::kModuleOffline);
-        LogPacket("Miss Module:", counter, header.from, header.to, header.msgId);
+        LogPacket("Miss Module:", run.counter, header.from, header.to, header.msgId);
     }
 }
 
-void ModuleMessageServer::SendToOtherProcesses(const Connection& sender, std::string_view frame, std::uint32_t counter,
-                                               const PacketHeader& header, const char* title) {
+void ModuleMessageServer::SendToOtherProcesses(const Connection& sender, const Run& run, const char* title) {
     m_targets.clear();
     {
         const AutoLock lock(&m_connections);
@@ -269,29 +316,29 @@ void ModuleMessageServer::SendToOtherProcesses(const Connection& sender, std::st
         }
     }
     for (const Connection* receiver : m_targets) {
-        SendToConnection(*receiver, frame);
-        LogPacket(title, counter, header.from, receiver->m_pid, header.msgId);
+        SendToConnection(*receiver, run.frames);
+        LogPacket(title, run.counter, run.header.from, receiver->m_pid, run.header.msgId);
     }
 }
 
-// A frame beyond 2 GiB goes out in runs that SendText can count.
-void ModuleMessageServer::SendToConnection(const Connection& connection, std::string_view frame) {
-    constexpr auto kRun = static_cast<std::size_t>(std::numeric_limits<int>::max());
-    for (; !frame.empty(); frame.remove_prefix(std::min(frame.size(), kRun))) {
-        const std::string_view run = frame.substr(0, kRun);
-        SendText(connection.m_context, run.data(), static_cast<int>(run.size()));
+// Frames with a storage are sent from it; the others lie in the buffer of a read.
+void ModuleMessageServer::SendToConnection(const Connection& connection, const SharedBytes& frames) {
+    if (frames.storage) {
+        SendShared(connection.m_context, frames);
+    } else {
+        SendText(connection.m_context, frames.bytes.data(), static_cast<int>(frames.bytes.size()));
     }
 }
 
 // ---- Registration --------------------------------------------------------------------------------------------------
 
-void ModuleMessageServer::ApplyRegistration(Connection& connection, std::string_view frame,
+void ModuleMessageServer::ApplyRegistration(Connection& connection, const SharedBytes& frame,
                                             const PacketHeader& header) {
     if (connection.m_pid == 0) {
         connection.m_pid = header.from;
     }
     BasePacket packet;
-    packet.DeserializeFrom(frame.data() + FrameHeader::kSize, frame.size() - FrameHeader::kSize);
+    packet.DeserializeFrame(frame);
     UpdateModuleIds(connection, RegistrationText(packet));
 }
 

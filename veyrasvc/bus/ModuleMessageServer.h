@@ -31,6 +31,7 @@ public:
     bool OnNewConnection(IOCPContext* context) override;
     void OnConnectionClose(IOCPContext* context, IOCPBuffer* buffer, DWORD error) override;
     void OnRecvData(IOCPContext* context, IOCPBuffer* buffer) override;
+    void OnBeforeRead(IOCPContext* context, IOCPBuffer* buffer) override;
 
     // A server that still runs is a caller's error; it is stopped rather than left running over freed memory.
     virtual ~ModuleMessageServer();
@@ -55,17 +56,24 @@ private:
         std::uint32_t msgType;
     };
 
-    void HandlePacket(Connection& connection, std::string_view frame);
-    static bool ReadPacketHeader(std::string_view frame, std::uint32_t& counter, PacketHeader& header);
-    // False when the frame was consumed.
-    bool HandleServerPacket(Connection& connection, std::string_view frame, std::uint32_t counter,
-                            const PacketHeader& header);
-    void SendToModule(std::string_view frame, std::uint32_t counter, const PacketHeader& header);
-    void SendToOtherProcesses(const Connection& sender, std::string_view frame, std::uint32_t counter,
-                              const PacketHeader& header, const char* title);
-    void SendToConnection(const Connection& connection, std::string_view frame);
+    // Frames that came one behind the other from one sender and go the same way: they are sent on in one go.
+    struct Run {
+        SharedBytes frames;
+        std::size_t count = 0;
+        PacketHeader header{}; // of the first; the others have the same sender, destination and type
+        std::uint32_t counter = 0;
+    };
 
-    void ApplyRegistration(Connection& connection, std::string_view frame, const PacketHeader& header);
+    Connection* Find(const IOCPContext* context);
+    void HandlePacket(Connection& connection, const SharedBytes& frame);
+    static bool ReadPacketHeader(std::string_view frame, std::uint32_t& counter, PacketHeader& header);
+    bool JoinRun(const SharedBytes& frame, const PacketHeader& header);
+    void SendRun(const Connection& sender);
+    void SendToModule(const Run& run);
+    void SendToOtherProcesses(const Connection& sender, const Run& run, const char* title);
+    void SendToConnection(const Connection& connection, const SharedBytes& frames);
+
+    void ApplyRegistration(Connection& connection, const SharedBytes& frame, const PacketHeader& header);
     void UpdateModuleIds(Connection& connection, const std::string& text);
     void Link(Connection& connection, std::uint32_t moduleId) VEYRA_REQUIRES(m_connections);
     void Unlink(Connection& connection, std::uint32_t moduleId) VEYRA_REQUIRES(m_connections);
@@ -78,7 +86,8 @@ private:
     LockMap<std::uint64_t, Connection*> m_connections; // by the address of the context
     // Which connections serve a module id; changed together with their m_moduleIds, by Link and Unlink.
     std::unordered_map<std::uint32_t, std::vector<Connection*>> m_receivers VEYRA_GUARDED_BY(m_connections);
-    std::vector<const Connection*> m_targets;         // of the frame at hand; touched by the worker only
+    Run m_run;                                        // of the bytes at hand; touched by the worker only
+    std::vector<const Connection*> m_targets;         // of the run; touched by the worker only
     std::unique_ptr<IPCMessageClient> m_statusClient; // speaks for the bus itself; made on the first registration
 };
 

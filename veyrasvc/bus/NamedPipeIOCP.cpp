@@ -3,9 +3,8 @@
 #include "veyrasvc/bus/SecurityAttribute.h"
 #include "veyrasvc/util/LogStatement.h"
 #include "veyrasvc/util/MemoryReport.h"
+#include "veyrasvc/util/Storage.h"
 
-#include <algorithm>
-#include <cstring>
 #include <new>
 #include <string_view>
 
@@ -14,7 +13,16 @@ namespace Vantor::Sentrix {
 namespace {
 
 constexpr DWORD kPipeDefaultTimeoutMs = 60000;
-constexpr int kLargePackage = 0x100000; // worth a warning
+constexpr std::size_t kLargePackage = 0x100000; // worth a warning
+// Bytes of one write that needs no copy.
+constexpr std::size_t kSharedPieceBytes = 256 * 1024;
+
+SharedBytes CopyOf(std::string_view bytes) {
+    SharedBytes copy{AllocateStorage(bytes.size()), {}};
+    bytes.copy(copy.storage.get(), bytes.size());
+    copy.bytes = {copy.storage.get(), bytes.size()};
+    return copy;
+}
 
 } // namespace
 
@@ -25,6 +33,8 @@ bool IOCPServer::OnNewConnection(IOCPContext* /*context*/) {
 void IOCPServer::OnConnectionClose(IOCPContext* /*context*/, IOCPBuffer* /*buffer*/, DWORD /*error*/) {}
 
 void IOCPServer::OnRecvData(IOCPContext* /*context*/, IOCPBuffer* /*buffer*/) {}
+
+void IOCPServer::OnBeforeRead(IOCPContext* /*context*/, IOCPBuffer* /*buffer*/) {}
 
 // ---- Buffers and contexts ------------------------------------------------------------------------------------------
 
@@ -42,13 +52,11 @@ IOCPBuffer* IOCPServer::AllocateBuffer(std::size_t size) {
     }
     if (buffer == nullptr) {
         const HANDLE heap = GetProcessHeap();
-        buffer = heap == nullptr ? nullptr : static_cast<IOCPBuffer*>(HeapAlloc(heap, 0, sizeof(IOCPBuffer)));
+        void* const memory = heap == nullptr ? nullptr : HeapAlloc(heap, 0, sizeof(IOCPBuffer));
+        buffer = memory == nullptr ? nullptr : new (memory) IOCPBuffer;
     }
     if (buffer != nullptr) {
-        // Everything but the bytes, which are written before anybody reads them.
-        std::memset(static_cast<void*>(buffer), 0, offsetof(IOCPBuffer, m_bytes));
         buffer->m_length = static_cast<DWORD>(size);
-        buffer->m_data = buffer->m_bytes;
     }
     return buffer;
 }
@@ -57,18 +65,27 @@ void IOCPServer::ReleaseBuffer(IOCPBuffer* buffer) {
     if (buffer == nullptr) {
         return;
     }
+    buffer->m_overlapped = {};
+    buffer->m_acceptPipe = nullptr;
+    buffer->m_data = buffer->m_bytes;
+    buffer->m_storage.reset();
     const AutoLock lock(&m_freeBuffers);
     if (m_freeBuffers.m_items.size() >= m_maxFreeBuffers) {
-        HeapFree(GetProcessHeap(), 0, buffer);
+        FreeBuffer(buffer);
         FreeBuffers(m_maxFreeBuffers);
     } else {
         m_freeBuffers.m_items.push(buffer);
     }
 }
 
+void IOCPServer::FreeBuffer(IOCPBuffer* buffer) {
+    buffer->~IOCPBuffer();
+    HeapFree(GetProcessHeap(), 0, buffer);
+}
+
 void IOCPServer::FreeBuffers(std::size_t keep) {
     while (m_freeBuffers.m_items.size() > keep) {
-        HeapFree(GetProcessHeap(), 0, m_freeBuffers.m_items.front());
+        FreeBuffer(m_freeBuffers.m_items.front());
         m_freeBuffers.m_items.pop();
     }
 }
@@ -271,7 +288,10 @@ void IOCPServer::OperationTransferProcess(IOCPContext& context, DWORD bytes, IOC
     buffer.m_length = bytes;
     if (operation == PipeOperation::Read) {
         OnRecvData(&context, &buffer);
+        buffer.m_data = buffer.m_bytes;
         buffer.m_length = kPipeIoBytes;
+        buffer.m_storage.reset();
+        OnBeforeRead(&context, &buffer);
         close = PostRecv(&context, &buffer) == 0;
         return;
     }
@@ -315,18 +335,20 @@ bool IOCPServer::Issue(IOCPContext& context, IOCPBuffer& buffer, PipeOperation o
 }
 
 // Writes one piece; one that cannot be written is lost.
-bool IOCPServer::SendPiece(IOCPContext* context, const char* data, std::size_t length) {
-    IOCPBuffer* buffer = AllocateBuffer(length);
+bool IOCPServer::SendPiece(IOCPContext* context, const SharedBytes& piece) {
+    const bool copies = !piece.storage;
+    IOCPBuffer* buffer = AllocateBuffer(copies ? piece.bytes.size() : 0);
     if (buffer == nullptr) {
         LOG_ERROR("IPC AllocateBuffer Error");
         return false;
     }
-    if (length > sizeof buffer->m_bytes) {
-        LOG_ERROR("buffer copy failed");
-        ReleaseBuffer(buffer);
-        return false;
+    if (copies) {
+        piece.bytes.copy(buffer->m_bytes, sizeof buffer->m_bytes);
+    } else {
+        buffer->m_storage = piece.storage;
+        buffer->m_data = const_cast<char*>(piece.bytes.data()); // only read from
+        buffer->m_length = static_cast<DWORD>(piece.bytes.size());
     }
-    std::memcpy(buffer->m_data, data, length);
     if (PostSend(context, buffer) == 0) {
         LOG_ERROR("IPC PostSend Error");
         ReleaseBuffer(buffer);
@@ -340,34 +362,42 @@ void IOCPServer::EmptySendQueue(IOCPContext* context) {
         return;
     }
     while (!context->m_sendQueue.empty() && context->m_pendingWrites <= m_maxPendingWrites) {
-        const std::string piece = std::move(context->m_sendQueue.front());
+        const SharedBytes piece = std::move(context->m_sendQueue.front());
         context->m_sendQueue.pop();
-        if (!SendPiece(context, piece.data(), piece.size())) {
+        if (!SendPiece(context, piece)) {
             return;
         }
     }
 }
 
 bool IOCPServer::SendText(IOCPContext* context, const char* data, int length) {
-    if (context == nullptr || data == nullptr || length < 1) {
+    return data != nullptr && length >= 1 && Send(context, {nullptr, {data, static_cast<std::size_t>(length)}});
+}
+
+bool IOCPServer::SendShared(IOCPContext* context, const SharedBytes& text) {
+    return text.storage && !text.bytes.empty() && Send(context, text);
+}
+
+bool IOCPServer::Send(IOCPContext* context, const SharedBytes& text) {
+    if (context == nullptr) {
         return false;
     }
-    if (length > kLargePackage) {
+    if (text.bytes.size() > kLargePackage) {
         LOG_WARN("IPC SendText Package over 1M");
     }
     const AutoLock lock(context);
     if (context->m_closed == 1) {
         return false;
     }
-    std::string_view rest(data, static_cast<std::size_t>(length));
+    const std::size_t longest = text.storage ? kSharedPieceBytes : kPipeIoBytes;
     // With nothing queued before them, pieces go out without the detour over the queue.
     bool direct = context->m_sendQueue.empty();
-    for (; !rest.empty(); rest.remove_prefix(std::min(rest.size(), kPipeIoBytes))) {
-        const std::string_view piece = rest.substr(0, kPipeIoBytes);
+    for (std::size_t at = 0; at < text.bytes.size(); at += longest) {
+        const SharedBytes piece{text.storage, text.bytes.substr(at, longest)};
         if (direct && context->m_pendingWrites <= m_maxPendingWrites) {
-            direct = SendPiece(context, piece.data(), piece.size());
+            direct = SendPiece(context, piece);
         } else {
-            context->m_sendQueue.emplace(piece);
+            context->m_sendQueue.push(piece.storage ? piece : CopyOf(piece.bytes));
         }
     }
     return true;

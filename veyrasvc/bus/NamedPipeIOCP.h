@@ -13,32 +13,34 @@
 //    then dispatches what is left; when nothing is outstanding any more, nothing is left to dispose of.
 #pragma once
 
+#include "veyrasvc/bus/Frame.h"
 #include "veyrasvc/platform/Win32.h"
 #include "veyrasvc/util/LockedContainers.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <string>
+#include <memory>
 
 namespace Vantor::Sentrix {
 
 // The pipe of the bus, the same for the server and every client.
 inline constexpr wchar_t kBusPipeName[] = L"\\\\.\\Pipe\\iVeyraService";
 
-// Bytes of one read or write on the pipe.
+// Bytes that an operation's own buffer holds.
 inline constexpr std::size_t kPipeIoBytes = 4096;
 
 enum class PipeOperation : DWORD { None = 0, Accept = 1, Write = 2, Read = 3 };
 
-// One overlapped operation, from the process heap, recycled through the server's pool.
+// One overlapped operation, recycled through the server's pool.
 struct IOCPBuffer {
-    OVERLAPPED m_overlapped; // first: the port hands back its address, which is the buffer's
-    HANDLE m_acceptPipe;     // the instance being accepted; only in an accept buffer
-    char* m_data;            // where the operation's bytes are: m_bytes
-    DWORD m_length;          // bytes asked for; after completion the bytes transferred
-    PipeOperation m_operation;
-    char m_bytes[kPipeIoBytes];
+    OVERLAPPED m_overlapped{};     // first: the port hands back its address, which is the buffer's
+    HANDLE m_acceptPipe = nullptr; // the instance being accepted; only in an accept buffer
+    char* m_data = m_bytes;        // where the operation's bytes are
+    DWORD m_length = 0;            // bytes asked for; after completion the bytes transferred
+    PipeOperation m_operation = PipeOperation::None;
+    std::shared_ptr<char[]> m_storage; // keeps m_data where that is not m_bytes
+    char m_bytes[kPipeIoBytes];        // written before anybody reads them
 };
 static_assert(offsetof(IOCPBuffer, m_overlapped) == 0);
 
@@ -47,7 +49,7 @@ class IOCPContext : public CommonLock {
 public:
     explicit IOCPContext(HANDLE pipe) : m_pipe(pipe) {}
 
-    std::queue<std::string> m_sendQueue; // pieces that wait to be written, each at most kPipeIoBytes
+    std::queue<SharedBytes> m_sendQueue; // pieces that wait to be written, each with its storage
     HANDLE m_pipe;                       // INVALID_HANDLE_VALUE once closed
     DWORD m_closed = 0;                  // 1 once the instance has been disconnected and closed
     DWORD m_pendingReads = 0;            // issued and not yet completed
@@ -70,9 +72,11 @@ public:
     // on to count as running and Stop may be called again.
     void Stop();
 
-    // Queues bytes for one connection, in pieces of at most kPipeIoBytes, and starts writing. The bytes are copied.
+    // Queues bytes for one connection, in pieces, and starts writing. The bytes are copied.
     // False, and nothing is queued: null arguments, a length below 1, or a closed connection.
     bool SendText(IOCPContext* context, const char* data, int length);
+    // The same without a copy: the storage is held until the last piece has been written.
+    bool SendShared(IOCPContext* context, const SharedBytes& text);
 
     // Restores the number of listening instances.
     void CheckAccepting();
@@ -86,7 +90,7 @@ protected:
     IOCPServer(const IOCPServer&) = delete;
     IOCPServer& operator=(const IOCPServer&) = delete;
 
-    // All three run one at a time. The first two run under the context's lock; OnRecvData runs without it, because it
+    // They run one at a time. The first two run under the context's lock; OnRecvData runs without it, because it
     // sends to other contexts, and the locks of two contexts are never held at once.
     // A client has connected; false refuses it.
     virtual bool OnNewConnection(IOCPContext* context);
@@ -94,6 +98,9 @@ protected:
     virtual void OnConnectionClose(IOCPContext* context, IOCPBuffer* buffer, DWORD error);
     // m_data and m_length of the buffer hold bytes that have come; valid during the call.
     virtual void OnRecvData(IOCPContext* context, IOCPBuffer* buffer);
+    // Before each read after the first, as OnRecvData: may point m_data and m_length elsewhere than m_bytes, with an
+    // m_storage that keeps the place.
+    virtual void OnBeforeRead(IOCPContext* context, IOCPBuffer* buffer);
 
     // Disconnects and closes the instance, once. The connection then ends through its outstanding operations.
     static void ClosePipe(IOCPContext* context);
@@ -111,11 +118,13 @@ private:
     int PostRecv(IOCPContext* context, IOCPBuffer* buffer);
     int PostSend(IOCPContext* context, IOCPBuffer* buffer);
     bool Issue(IOCPContext& context, IOCPBuffer& buffer, PipeOperation operation);
-    bool SendPiece(IOCPContext* context, const char* data, std::size_t length);
+    bool Send(IOCPContext* context, const SharedBytes& text);
+    bool SendPiece(IOCPContext* context, const SharedBytes& piece);
     void EmptySendQueue(IOCPContext* context);
 
     IOCPBuffer* AllocateBuffer(std::size_t size);
     void ReleaseBuffer(IOCPBuffer* buffer);
+    static void FreeBuffer(IOCPBuffer* buffer);
     void FreeBuffers(std::size_t keep) VEYRA_REQUIRES(m_freeBuffers);
     IOCPContext* AllocateContext(HANDLE pipe);
     void ReleaseContext(IOCPContext* context);

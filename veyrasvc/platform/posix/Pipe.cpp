@@ -19,8 +19,10 @@ namespace {
 // What OVERLAPPED::Internal holds until the operation has completed.
 constexpr ULONG_PTR kPending = 0x103;
 
-// What the serving thread gathers before it writes.
+// What the serving thread gathers before it writes, and the longest write that is gathered: a longer one is worth a
+// system call of its own, and would cost a copy.
 constexpr std::size_t kGatherBytes = 64 * 1024;
+constexpr std::size_t kGatheredWriteBytes = 8 * 1024;
 
 // More kernel buffer than the default lets a large frame leave in fewer turns. The kernel doubles the value for its
 // own bookkeeping and calls the socket writable while three quarters of it are free, far more than is gathered.
@@ -393,8 +395,12 @@ bool Pipe::ServedByThisThread() const {
     return m_servingThread == GetCurrentThreadId();
 }
 
+bool Pipe::IsWorthGathering(const Operation& operation) const {
+    return operation.count <= kGatheredWriteBytes && m_gathered.size() + operation.count <= kGatherBytes;
+}
+
 bool Pipe::Gather(const Operation& operation) {
-    if (!ServedByThisThread() || !m_writes.empty() || m_gathered.size() + operation.count > kGatherBytes) {
+    if (!ServedByThisThread() || !m_writes.empty() || !IsWorthGathering(operation)) {
         return false;
     }
     if (m_gathered.empty() && !TakesAGathering(m_socket.Get())) {
@@ -407,8 +413,7 @@ bool Pipe::Gather(const Operation& operation) {
 
 // The socket has room again for what had to wait.
 void Pipe::GatherQueued() {
-    while (!m_writes.empty() && m_writes.front().done == 0 &&
-           m_gathered.size() + m_writes.front().count <= kGatherBytes) {
+    while (!m_writes.empty() && m_writes.front().done == 0 && IsWorthGathering(m_writes.front())) {
         const Operation operation = std::move(m_writes.front());
         m_writes.pop_front();
         Append(operation);

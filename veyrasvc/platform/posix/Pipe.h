@@ -84,6 +84,7 @@ private:
     bool SendSome();
     void TakeSent(std::size_t bytes);
     bool ServedByThisThread() const;
+    bool IsWorthGathering(const Operation& operation) const;
     bool Gather(const Operation& operation);
     void GatherQueued();
     void Append(const Operation& operation);

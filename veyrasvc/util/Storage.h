@@ -1,0 +1,15 @@
+// Where bodies and frames are kept.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+
+namespace Vantor::Sentrix {
+
+// Unset bytes at an address for any type. A few long blocks that were given back are kept for the next of their kind,
+// kRecycledBytes per process at most: fresh memory from the system costs as much as copying it full.
+// Threads: any; also the one that gives a block back.
+// Fails: std::bad_alloc.
+std::shared_ptr<char[]> AllocateStorage(std::size_t bytes);
+
+} // namespace Vantor::Sentrix
