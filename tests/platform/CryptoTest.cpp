@@ -1,4 +1,5 @@
-// The random source, and AES-CBC against the vectors of NIST SP 800-38A (F.2.1, F.2.3, F.2.5).
+// The random source, AES-CBC against the vectors of NIST SP 800-38A (F.2.1, F.2.3, F.2.5), and hashes of "abc" against
+// RFC 1321 and the examples to FIPS 180-4.
 #include "veyrasvc/platform/Win32.h"
 
 #include <gtest/gtest.h>
@@ -89,6 +90,83 @@ TEST(CryptoTest, RandomBytesDiffer) {
     ASSERT_TRUE(CryptGenRandom(provider, 16, first.data()));
     ASSERT_TRUE(CryptGenRandom(provider, 16, second.data()));
     EXPECT_NE(first, second);
+    EXPECT_TRUE(CryptReleaseContext(provider, 0));
+}
+
+HCRYPTPROV Acquire(DWORD type) {
+    HCRYPTPROV provider = 0;
+    EXPECT_TRUE(CryptAcquireContextW(&provider, nullptr, nullptr, type, CRYPT_VERIFYCONTEXT)) << type;
+    return provider;
+}
+
+BOOL HashText(HCRYPTHASH hash, const std::string& text) {
+    return CryptHashData(hash, reinterpret_cast<const BYTE*>(text.data()), static_cast<DWORD>(text.size()), 0);
+}
+
+// The longest value there is fits.
+Bytes ValueOf(HCRYPTHASH hash) {
+    Bytes value(64);
+    auto length = static_cast<DWORD>(value.size());
+    EXPECT_TRUE(CryptGetHashParam(hash, HP_HASHVAL, value.data(), &length, 0));
+    value.resize(length);
+    return value;
+}
+
+struct HashCase {
+    ALG_ID algorithm;
+    bool inFull; // known to PROV_RSA_FULL as well
+    const char* value;
+};
+const HashCase kHashes[] = {
+    {CALG_MD5, true, "900150983cd24fb0d6963f7d28e17f72"},
+    {CALG_SHA1, true, "a9993e364706816aba3e25717850c26c9cd0d89d"},
+    {CALG_SHA_256, false, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
+    {CALG_SHA_384, false,
+     "cb00753f45a35e8bb5a03d699ac65007272c32ab0eded1631a8b605a43ff5bed8086072ba1e7cc2358baeca134c825a7"},
+    {CALG_SHA_512, false,
+     "ddaf35a193617abacc417349ae20413112e6fa4e89a97ea20a9eeee64b55d39a2192992a274fc1a836ba3c23a3feebbd454d4423643ce80e"
+     "2a9ac94fa54ca49f"},
+};
+
+TEST(CryptoTest, AProviderHashesWhatItsTypeKnows) {
+    for (const DWORD type : {PROV_RSA_FULL, PROV_RSA_AES}) {
+        const HCRYPTPROV provider = Acquire(type);
+        HCRYPTHASH hash = 0;
+        for (const HashCase& one : kHashes) {
+            const BOOL made = CryptCreateHash(provider, one.algorithm, 0, 0, &hash);
+            if (type == PROV_RSA_FULL && !one.inFull) {
+                EXPECT_TRUE(made == FALSE && GetLastError() == static_cast<DWORD>(NTE_BAD_ALGID)) << one.algorithm;
+                continue;
+            }
+            ASSERT_TRUE(made) << one.algorithm;
+            EXPECT_TRUE(HashText(hash, "a") && HashText(hash, "bc"));
+            EXPECT_EQ(ValueOf(hash), FromHex(one.value)) << one.algorithm;
+            EXPECT_TRUE(CryptDestroyHash(hash));
+        }
+        EXPECT_FALSE(CryptCreateHash(provider, 0x8FFF, 0, 0, &hash));
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_ALGID));
+        EXPECT_TRUE(CryptReleaseContext(provider, 0));
+    }
+}
+
+TEST(CryptoTest, AHashWhoseValueWasReadIsFinished) {
+    const HCRYPTPROV provider = Acquire(PROV_RSA_FULL);
+    HCRYPTHASH hash = 0;
+    ASSERT_TRUE(CryptCreateHash(provider, CALG_MD5, 0, 0, &hash));
+    EXPECT_TRUE(HashText(hash, "abc"));
+    Bytes value(16);
+    DWORD length = 15;
+    EXPECT_FALSE(CryptGetHashParam(hash, HP_HASHVAL, value.data(), &length, 0));
+    EXPECT_EQ(GetLastError(), 234U);
+    EXPECT_EQ(length, 16U);
+    EXPECT_EQ(value, Bytes(16));
+    for (int time = 1; time <= 2; ++time) {
+        EXPECT_EQ(ValueOf(hash), FromHex(kHashes[0].value)) << time;
+        EXPECT_FALSE(HashText(hash, "d"));
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_HASH_STATE));
+    }
+    EXPECT_TRUE(CryptDestroyHash(hash));
+    EXPECT_FALSE(CryptDestroyHash(0));
     EXPECT_TRUE(CryptReleaseContext(provider, 0));
 }
 

@@ -55,5 +55,20 @@ TEST(FileTest, OpensForThoseWhomSharingLetsInAndTellsTheOthersWhy) {
     std::filesystem::remove_all(folder);
 }
 
+TEST(FileTest, TellsFilesFromPipes) {
+    const auto path = std::filesystem::temp_directory_path() / ("veyra-type-" + std::to_string(GetCurrentProcessId()));
+    HANDLE ends[2];
+    const HANDLE file = Open(path.wstring(), GENERIC_WRITE, 0, CREATE_ALWAYS);
+    ASSERT_TRUE(CreatePipe(&ends[0], &ends[1], nullptr, 0));
+    EXPECT_EQ(GetFileType(file), DWORD{FILE_TYPE_DISK});
+    EXPECT_EQ(GetFileType(ends[0]), DWORD{FILE_TYPE_PIPE});
+    for (const HANDLE handle : {file, ends[0], ends[1]}) {
+        EXPECT_TRUE(CloseHandle(handle));
+    }
+    EXPECT_EQ(GetFileType(file), DWORD{FILE_TYPE_UNKNOWN});
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    std::filesystem::remove(path);
+}
+
 } // namespace
 } // namespace Vantor::Sentrix

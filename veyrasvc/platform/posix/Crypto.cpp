@@ -1,4 +1,5 @@
-// The provider's random source: the kernel's.
+// Provider contexts, and the random source: the kernel's.
+#include "veyrasvc/platform/posix/CryptoProvider.h"
 #include "veyrasvc/platform/posix/Handle.h"
 
 #include <sys/random.h>
@@ -9,22 +10,27 @@ namespace Vantor::Sentrix::Platform {
 
 namespace {
 
-// A verify-only context keeps no state, so that all of them are this one.
-constexpr HCRYPTPROV kContext = 0x56435250;
+BOOL AcquireContext(HCRYPTPROV* provider, bool isDefault, DWORD type, DWORD flags) {
+    if (provider == nullptr || !isDefault || (type != PROV_RSA_FULL && type != PROV_RSA_AES) ||
+        flags != CRYPT_VERIFYCONTEXT) {
+        return Fail(ERROR_INVALID_PARAMETER);
+    }
+    *provider = type == PROV_RSA_FULL ? kFullContext : kAesContext;
+    return TRUE;
+}
 
 } // namespace
 
 BOOL CryptAcquireContextA(HCRYPTPROV* provider, LPCSTR container, LPCSTR providerName, DWORD type, DWORD flags) {
-    if (provider == nullptr || container != nullptr || providerName != nullptr || type != PROV_RSA_AES ||
-        flags != CRYPT_VERIFYCONTEXT) {
-        return Fail(ERROR_INVALID_PARAMETER);
-    }
-    *provider = kContext;
-    return TRUE;
+    return AcquireContext(provider, container == nullptr && providerName == nullptr, type, flags);
+}
+
+BOOL CryptAcquireContextW(HCRYPTPROV* provider, LPCWSTR container, LPCWSTR providerName, DWORD type, DWORD flags) {
+    return AcquireContext(provider, container == nullptr && providerName == nullptr, type, flags);
 }
 
 BOOL CryptGenRandom(HCRYPTPROV provider, DWORD length, BYTE* buffer) {
-    if (provider != kContext || (buffer == nullptr && length > 0)) {
+    if (!IsProvider(provider) || (buffer == nullptr && length > 0)) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
     for (DWORD done = 0; done < length;) {
@@ -38,7 +44,7 @@ BOOL CryptGenRandom(HCRYPTPROV provider, DWORD length, BYTE* buffer) {
 }
 
 BOOL CryptReleaseContext(HCRYPTPROV provider, DWORD flags) {
-    return provider == kContext && flags == 0 ? TRUE : Fail(ERROR_INVALID_PARAMETER);
+    return IsProvider(provider) && flags == 0 ? TRUE : Fail(ERROR_INVALID_PARAMETER);
 }
 
 } // namespace Vantor::Sentrix::Platform

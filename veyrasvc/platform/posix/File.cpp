@@ -170,6 +170,18 @@ BOOL File::Truncate() {
     return result == 0 ? TRUE : Fail(ErrorFromErrno(errno));
 }
 
+DWORD File::Type() const {
+    struct stat status {};
+    if (m_isStream) {
+        return FILE_TYPE_PIPE;
+    }
+    if (fstat(m_descriptor, &status) != 0) {
+        SetLastError(ErrorFromErrno(errno));
+        return FILE_TYPE_UNKNOWN;
+    }
+    return S_ISCHR(status.st_mode) ? FILE_TYPE_CHAR : FILE_TYPE_DISK;
+}
+
 BOOL ReadFile(HANDLE file, void* buffer, DWORD count, DWORD* transferred, OVERLAPPED* overlapped) {
     const auto object = Find<IoObject>(file);
     if (!object) {
@@ -206,6 +218,11 @@ BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* newPos
 BOOL SetEndOfFile(HANDLE file) {
     const auto object = Find<File>(file);
     return object ? object->Truncate() : FALSE;
+}
+
+DWORD GetFileType(HANDLE file) {
+    const auto object = Find<File>(file);
+    return object ? object->Type() : FILE_TYPE_UNKNOWN;
 }
 
 } // namespace Vantor::Sentrix::Platform

@@ -20,6 +20,7 @@ public:
     BOOL Write(const void* buffer, DWORD count, DWORD* transferred, OVERLAPPED* overlapped) override;
     BOOL Seek(LONGLONG distance, LARGE_INTEGER* newPosition, DWORD method);
     BOOL Truncate();
+    DWORD Type() const;
 
     int Descriptor() const { return m_descriptor; }
 
