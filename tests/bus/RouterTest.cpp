@@ -248,6 +248,48 @@ TEST_F(RouterTest, FramesGoWhereTheTableSendsThem) {
     EXPECT_EQ(SeenFrames(*peers[A]), Lines{nobody.Frame()});
 }
 
+TEST_F(RouterTest, FramesThatComeTogetherGoTheirWaysInOrder) {
+    Peer& sender = Join(10);
+    Peer* const receivers[] = {&Join(20), &Join(30)};
+    for (Peer* peer : {&sender, receivers[0], receivers[1]}) {
+        Seen(*peer);
+    }
+    std::string together;
+    Lines expected[2];
+    const auto add = [&](std::uint32_t to, const std::string& body, std::uint32_t msgType = 0) {
+        together += RawPacket{.to = to, .from = 10, .msgId = 1, .msgType = msgType, .body = body}.Frame();
+    };
+    for (int i = 0; i < 200; ++i) { // longer than one read of the router, so that it cuts where it likes
+        const std::string body = std::to_string(i) + Pattern(static_cast<std::size_t>(i % 70));
+        const std::uint32_t to = i % 7 < 5 ? 20 : 30;
+        const bool published = i % 11 == 0;
+        add(to, body, published ? kPublished : 0);
+        for (Lines& lines : expected) {
+            if (published || &lines == &expected[to / 10 - 2]) {
+                lines.push_back(body);
+            }
+        }
+        if (i % 13 == 0) {
+            add(to, "damaged");
+            together.back() ^= 1;
+        }
+    }
+    for (int i = 0; i < 3; ++i) {
+        add(77, "nobody");
+    }
+    add(12, "early");
+    together += RawPacket{.to = kServer, .from = sender.id, .msgId = kRegistration, .body = "10 12 "}.Frame();
+    add(12, "late");
+    sender.Send(together);
+    Lines seen = Seen(sender);
+    std::sort(seen.begin(), seen.end()); // notices and frames come by different roads
+    EXPECT_EQ(seen, (Lines{"+12", "late", "off 12", "off 77", "off 77", "off 77"}));
+    for (Lines& lines : expected) {
+        lines.push_back("+12");
+        EXPECT_EQ(Seen(*receivers[&lines - expected]), lines);
+    }
+}
+
 TEST_F(RouterTest, DamageHurtsTheOneWhoSendsIt) {
     const std::string good = RawPacket{.to = 900, .body = "good"}.Frame();
     std::string badHeader = good;

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <deque>
 #include <string>
 
@@ -130,6 +131,28 @@ TEST(PosixExtras, AFullDiskIsReported) {
     EXPECT_FALSE(WriteFile(full, "x", 1, &written, nullptr));
     EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);
     CloseHandle(full);
+}
+
+// Whoever asks, and however. (Wine 8 tells the network an older version than everybody else.)
+TEST(PosixExtras, EveryQueryTellsTheSameVersion) {
+    OSVERSIONINFOW version{};
+    EXPECT_FALSE(GetVersionExW(&version));
+    EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+    version.dwOSVersionInfoSize = sizeof version;
+    ASSERT_TRUE(GetVersionExW(&version));
+    BYTE* workstation = nullptr;
+    ASSERT_EQ(NetWkstaGetInfo(nullptr, 100, &workstation), NERR_Success);
+    WKSTA_INFO_100 network{};
+    std::memcpy(&network, workstation, sizeof network);
+    NetApiBufferFree(workstation);
+    VS_FIXEDFILEINFO file{};
+    EXPECT_FALSE(GetFileVersionInfoW(L"kernel32.dll", 0, sizeof file - 1, &file));
+    EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+    ASSERT_TRUE(GetFileVersionInfoW(L"kernel32.dll", 0, sizeof file, &file));
+    for (const DWORD told : {version.dwMajorVersion << 16 | version.dwMinorVersion,
+                             network.wki100_ver_major << 16 | network.wki100_ver_minor, file.dwProductVersionMS}) {
+        EXPECT_EQ(told, 10U << 16);
+    }
 }
 
 } // namespace

@@ -22,9 +22,15 @@
 
 #include <aclapi.h>
 #include <bcrypt.h>
+#include <lmcons.h>
+// Needs what lmcons.h names.
+#include <lmapibuf.h>
+#include <lmerr.h>
+#include <lmwksta.h>
 #include <psapi.h>
 #include <sddl.h>
 #include <wincrypt.h>
+#include <winver.h>
 
 // Macros of the system headers that collide with ordinary names.
 #undef ERROR

@@ -90,6 +90,7 @@ constexpr DWORD ERROR_DISK_FULL = 112;
 constexpr DWORD ERROR_SEM_TIMEOUT = 121;
 constexpr DWORD ERROR_INSUFFICIENT_BUFFER = 122;
 constexpr DWORD ERROR_INVALID_NAME = 123;
+constexpr DWORD ERROR_INVALID_LEVEL = 124;
 constexpr DWORD ERROR_ALREADY_EXISTS = 183;
 constexpr DWORD ERROR_PIPE_BUSY = 231;
 constexpr DWORD ERROR_PIPE_NOT_CONNECTED = 233;
@@ -102,6 +103,8 @@ constexpr DWORD ERROR_ABANDONED_WAIT_0 = 735;
 constexpr DWORD ERROR_OPERATION_ABORTED = 995;
 constexpr DWORD ERROR_IO_INCOMPLETE = 996;
 constexpr DWORD ERROR_IO_PENDING = 997;
+constexpr DWORD ERROR_OLD_WIN_VERSION = 1150;
+constexpr DWORD ERROR_RESOURCE_TYPE_NOT_FOUND = 1813;
 
 DWORD GetLastError();
 void SetLastError(DWORD error);
@@ -187,6 +190,10 @@ constexpr DWORD OPEN_EXISTING = 3;
 constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
 constexpr DWORD FILE_FLAG_OVERLAPPED = 0x40000000;
 constexpr DWORD FILE_FLAG_WRITE_THROUGH = 0x80000000;
+constexpr DWORD FILE_TYPE_UNKNOWN = 0;
+constexpr DWORD FILE_TYPE_DISK = 1;
+constexpr DWORD FILE_TYPE_CHAR = 2;
+constexpr DWORD FILE_TYPE_PIPE = 3;
 constexpr DWORD FILE_BEGIN = 0;
 constexpr DWORD FILE_CURRENT = 1;
 constexpr DWORD FILE_END = 2;
@@ -199,6 +206,7 @@ BOOL ReadFile(HANDLE file, void* buffer, DWORD count, DWORD* transferred, OVERLA
 BOOL WriteFile(HANDLE file, const void* buffer, DWORD count, DWORD* transferred, OVERLAPPED* overlapped);
 BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* newPosition, DWORD method);
 BOOL SetEndOfFile(HANDLE file);
+DWORD GetFileType(HANDLE file);
 
 // ---- Named pipes and completion ports ------------------------------------------------------------------------------
 
@@ -272,15 +280,35 @@ BOOL SetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR descriptor, BOOL present, PA
 BOOL ConvertStringSecurityDescriptorToSecurityDescriptorW(LPCWSTR text, DWORD revision,
                                                           PSECURITY_DESCRIPTOR* descriptor, ULONG* size);
 
-// ---- Random source and block cipher --------------------------------------------------------------------------------
+// ---- Random source, hashes and block cipher ------------------------------------------------------------------------
 
 using HCRYPTPROV = ULONG_PTR;
+constexpr DWORD PROV_RSA_FULL = 1;
 constexpr DWORD PROV_RSA_AES = 24;
 constexpr DWORD CRYPT_VERIFYCONTEXT = 0xF0000000;
 
 BOOL CryptAcquireContextA(HCRYPTPROV* provider, LPCSTR container, LPCSTR providerName, DWORD type, DWORD flags);
+BOOL CryptAcquireContextW(HCRYPTPROV* provider, LPCWSTR container, LPCWSTR providerName, DWORD type, DWORD flags);
 BOOL CryptGenRandom(HCRYPTPROV provider, DWORD length, BYTE* buffer);
 BOOL CryptReleaseContext(HCRYPTPROV provider, DWORD flags);
+
+using ALG_ID = unsigned int;
+using HCRYPTHASH = ULONG_PTR;
+using HCRYPTKEY = ULONG_PTR;
+using HRESULT = LONG;
+constexpr ALG_ID CALG_MD5 = 0x8003;
+constexpr ALG_ID CALG_SHA1 = 0x8004;
+constexpr ALG_ID CALG_SHA_256 = 0x800C;
+constexpr ALG_ID CALG_SHA_384 = 0x800D;
+constexpr ALG_ID CALG_SHA_512 = 0x800E;
+constexpr DWORD HP_HASHVAL = 2;
+constexpr HRESULT NTE_BAD_ALGID = static_cast<HRESULT>(0x80090008);
+constexpr HRESULT NTE_BAD_HASH_STATE = static_cast<HRESULT>(0x8009000C);
+
+BOOL CryptCreateHash(HCRYPTPROV provider, ALG_ID algorithm, HCRYPTKEY key, DWORD flags, HCRYPTHASH* hash);
+BOOL CryptHashData(HCRYPTHASH hash, const BYTE* data, DWORD length, DWORD flags);
+BOOL CryptGetHashParam(HCRYPTHASH hash, DWORD parameter, BYTE* data, DWORD* length, DWORD flags);
+BOOL CryptDestroyHash(HCRYPTHASH hash);
 
 using NTSTATUS = LONG; // negative: failure
 using BCRYPT_HANDLE = void*;
@@ -412,6 +440,100 @@ BOOL GetSystemTimes(FILETIME* idle, FILETIME* kernel, FILETIME* user);
 BOOL GetSystemPowerStatus(SYSTEM_POWER_STATUS* status);
 DWORD GetLogicalDrives();
 UINT GetDriveTypeW(LPCWSTR root);
+
+// ---- Versions ------------------------------------------------------------------------------------------------------
+
+// The size of a record tells its version, so the text is UTF-16 here too.
+struct OSVERSIONINFOW {
+    DWORD dwOSVersionInfoSize;
+    DWORD dwMajorVersion;
+    DWORD dwMinorVersion;
+    DWORD dwBuildNumber;
+    DWORD dwPlatformId;
+    char16_t szCSDVersion[128];
+};
+static_assert(sizeof(OSVERSIONINFOW) == 276);
+
+struct OSVERSIONINFOEXW {
+    DWORD dwOSVersionInfoSize;
+    DWORD dwMajorVersion;
+    DWORD dwMinorVersion;
+    DWORD dwBuildNumber;
+    DWORD dwPlatformId;
+    char16_t szCSDVersion[128];
+    WORD wServicePackMajor;
+    WORD wServicePackMinor;
+    WORD wSuiteMask;
+    BYTE wProductType;
+    BYTE wReserved;
+};
+static_assert(sizeof(OSVERSIONINFOEXW) == 284);
+
+struct SYSTEM_INFO {
+    WORD wProcessorArchitecture;
+    WORD wReserved;
+    DWORD dwPageSize;
+    void* lpMinimumApplicationAddress;
+    void* lpMaximumApplicationAddress;
+    ULONG_PTR dwActiveProcessorMask;
+    DWORD dwNumberOfProcessors;
+    DWORD dwProcessorType;
+    DWORD dwAllocationGranularity;
+    WORD wProcessorLevel;
+    WORD wProcessorRevision;
+};
+static_assert(sizeof(SYSTEM_INFO) == 48);
+
+struct WKSTA_INFO_100 {
+    DWORD wki100_platform_id;
+    LPWSTR wki100_computername;
+    LPWSTR wki100_langroup;
+    DWORD wki100_ver_major;
+    DWORD wki100_ver_minor;
+};
+
+struct VS_FIXEDFILEINFO {
+    DWORD dwSignature;
+    DWORD dwStrucVersion;
+    DWORD dwFileVersionMS;
+    DWORD dwFileVersionLS;
+    DWORD dwProductVersionMS;
+    DWORD dwProductVersionLS;
+    DWORD dwFileFlagsMask;
+    DWORD dwFileFlags;
+    DWORD dwFileOS;
+    DWORD dwFileType;
+    DWORD dwFileSubtype;
+    DWORD dwFileDateMS;
+    DWORD dwFileDateLS;
+};
+static_assert(sizeof(VS_FIXEDFILEINFO) == 52);
+
+using NET_API_STATUS = DWORD;
+using ULONGLONG = std::uint64_t;
+
+constexpr NET_API_STATUS NERR_Success = 0;
+constexpr DWORD VER_PLATFORM_WIN32_NT = 2;
+constexpr BYTE VER_NT_WORKSTATION = 1;
+constexpr DWORD VER_PRODUCT_TYPE = 0x80;
+constexpr BYTE VER_EQUAL = 1;
+constexpr WORD PROCESSOR_ARCHITECTURE_AMD64 = 9;
+constexpr WORD PROCESSOR_ARCHITECTURE_ARM64 = 12;
+constexpr WORD PROCESSOR_ARCHITECTURE_UNKNOWN = 0xFFFF;
+constexpr DWORD PLATFORM_ID_NT = 500;
+constexpr DWORD VS_FFI_SIGNATURE = 0xFEEF04BD;
+constexpr int SM_SERVERR2 = 89;
+
+BOOL GetVersionExW(OSVERSIONINFOW* version);
+ULONGLONG VerSetConditionMask(ULONGLONG conditions, DWORD typeMask, BYTE condition);
+BOOL VerifyVersionInfoW(OSVERSIONINFOEXW* version, DWORD typeMask, ULONGLONG conditions);
+void GetNativeSystemInfo(SYSTEM_INFO* info);
+int GetSystemMetrics(int index);
+NET_API_STATUS NetWkstaGetInfo(LPWSTR server, DWORD level, BYTE** buffer);
+NET_API_STATUS NetApiBufferFree(void* buffer);
+DWORD GetFileVersionInfoSizeW(LPCWSTR file, DWORD* unused);
+BOOL GetFileVersionInfoW(LPCWSTR file, DWORD unused, DWORD size, void* block);
+BOOL VerQueryValueW(const void* block, LPCWSTR what, void** value, UINT* length);
 
 // ---- Console -------------------------------------------------------------------------------------------------------
 
