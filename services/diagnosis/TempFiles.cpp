@@ -53,7 +53,7 @@ private:
 struct Tally {
     std::uint64_t files = 0;
     std::uint64_t bytes = 0;
-    std::uint64_t stuck = 0; // could not be removed
+    std::uint64_t stuck = 0; // could not be moved
 
     std::string Text() const {
         return std::to_string(files) + (files == 1 ? " file, " : " files, ") + ReadableSize(bytes);
@@ -69,11 +69,55 @@ bool IsOldFile(const fs::directory_entry& entry) {
     return !error && fs::file_time_type::clock::now() - written > kOld;
 }
 
-void Treat(const fs::directory_entry& entry, bool carryOut, Tally& tally) {
+// Where a repair puts what it takes: a folder of its own beside the files, and so in their file system. There a move is
+// a renaming, which leaves the file in one place whatever happens, and overwrites nothing, for the folder is new.
+class Aside {
+public:
+    explicit Aside(const fs::path& folder) : m_folder(folder) {}
+    ~Aside() {
+        if (!m_place.empty()) {
+            std::error_code error;
+            fs::remove(m_place, error); // an empty one; else this fails
+        }
+    }
+    Aside(const Aside&) = delete;
+    Aside& operator=(const Aside&) = delete;
+
+    void Take(const fs::path& file, std::error_code& error) {
+        if (m_place.empty()) {
+            MakePlace(error);
+        }
+        if (!m_place.empty()) {
+            fs::rename(file, m_place / file.filename(), error);
+        }
+    }
+    // Empty: nothing was taken.
+    const fs::path& Place() const { return m_place; }
+
+private:
+    void MakePlace(std::error_code& error) {
+        for (int number = 1; m_place.empty(); ++number) {
+            const fs::path place = m_folder / ("removed-" + std::to_string(number));
+            if (fs::create_directory(place, error)) {
+                m_place = place;
+            } else if (error && error != std::errc::file_exists) {
+                return;
+            }
+        }
+    }
+
+    const fs::path m_folder;
+    fs::path m_place;
+};
+
+void Treat(const fs::directory_entry& entry, Aside* aside, Tally& tally) {
     std::error_code error;
     const std::uint64_t size = entry.file_size(error);
-    if (!error && carryOut) {
-        fs::remove(entry.path(), error);
+    if (!error && aside != nullptr) {
+        aside->Take(entry.path(), error);
+    }
+    if (error == std::errc::no_such_file_or_directory) {
+        return; // somebody else was faster
     }
     if (error) {
         ++tally.stuck;
@@ -102,22 +146,24 @@ Finding RepairTempFiles(const fs::path& folder, bool carryOut, const std::stop_t
     if (type != fs::file_type::directory || !account.Owns(folder)) {
         return {Outcome::Warning, name + " is no folder of the service's own account; nothing was touched"};
     }
+    Aside aside(folder);
     Tally tally;
     fs::directory_iterator entry(folder, error);
     for (; !error && entry != fs::directory_iterator() && !stop.stop_requested(); entry.increment(error)) {
         if (IsOldFile(*entry) && account.Owns(entry->path())) {
-            Treat(*entry, carryOut, tally);
+            Treat(*entry, carryOut ? &aside : nullptr, tally);
         }
     }
+    const std::string where = carryOut ? Support::Utf8FromPath(aside.Place()) : "a folder in it";
+    const std::string text = (carryOut ? "moved " : "would move ") + tally.Text() + ", from " + name + " to " + where;
     if (error || tally.stuck != 0) {
-        return {Outcome::Warning, (carryOut ? "removed " : "would remove ") + tally.Text() + "; not all of " + name +
-                                      " can be read and removed"};
+        return {Outcome::Warning,
+                (tally.files == 0 ? "" : text + "; ") + "not all of " + name + " can be read and moved"};
     }
     if (tally.files == 0) {
-        return {Outcome::Ok, "nothing to remove in " + name};
+        return {Outcome::Ok, "nothing to move in " + name};
     }
-    return carryOut ? Finding{Outcome::Done, "removed " + tally.Text() + ", from " + name}
-                    : Finding{Outcome::Would, "would remove " + tally.Text() + ", from " + name};
+    return {carryOut ? Outcome::Done : Outcome::Would, text};
 }
 
 } // namespace Vantor::Sentrix::Diagnosis

@@ -18,7 +18,7 @@ int Run(int argc, char** argv) {
     std::string tempFolder;
     program
         .add_option("--temp-folder", tempFolder,
-                    "Where the repair temp.files removes files older than a week; default: veyra in the folder for "
+                    "Where the repair temp.files moves files older than a week aside; default: veyra in the folder for "
                     "temporary files")
         ->type_name("DIR");
     program.footer("Runs until Ctrl-C or SIGTERM. Exit codes: 0 done, 1 failed, 2 wrong usage.");

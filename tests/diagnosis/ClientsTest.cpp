@@ -9,10 +9,12 @@
 
 #include <json/value.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <stdexcept>
+#include <thread>
 
 namespace Vantor::Sentrix {
 namespace {
@@ -20,7 +22,7 @@ namespace {
 constexpr int kDiagnosis = 0x820000;
 constexpr int kCrashDumps = 0x830000;
 constexpr int kScript =
-    1; // "ID ANSWER": from now on the answer under that id; "-ID ": the service ends at that request
+    1; // "ID ANSWER": from now on the answer under that id, "@": the request's body; "-ID ": the service ends at it
 constexpr int kLast =
     2; // "ID": asks for "ID REPLY-ID LENGTH BODY" of the last such request, waiting until there is one
 const std::string kNul(1, '\0');
@@ -63,8 +65,15 @@ private:
                                  std::to_string(item.dataLen) + " " + BodyOf(item);
         m_came.notify_all();
         if (const auto answer = m_answers.find(item.replyMsgId); answer != m_answers.end()) {
-            Answer(item, item.replyMsgId, answer->second);
-            Answer(item, item.replyMsgId, answer->second); // a second time
+            if (item.msgId == item.replyMsgId) { // somebody waits for it
+                TagIPCMessageItem other = item;
+                other.uniqMsgId ^= 1 << 30;
+                Answer(other, item.replyMsgId, "1 of another request" + kNul);
+                Answer(item, kScript, "1 of another message" + kNul);
+            }
+            const std::string body = answer->second == "@" ? BodyOf(item) : answer->second;
+            Answer(item, item.replyMsgId, body);
+            Answer(item, item.replyMsgId, body); // a second time
         }
     }
     void Answer(const TagIPCMessageItem& request, int msgId, const std::string& body) {
@@ -84,6 +93,26 @@ const RoleDefinition kService("service", [](int module) {
     EXPECT_TRUE(AskUntilAnswered(IPCMessageClient(kOther, false, false)));
     SayReady();
     return SleepUntilKilled();
+});
+
+// ---- A client that shows its hooks ---------------------------------------------------------------------------------
+
+struct Watching final : DFSClient {
+    using DFSClient::DFSClient;
+    void OnRecvStartDetection(TagIPCMessageItem& item) override { Tell("detection ", item); }
+    void OnRecvStartRepair(TagIPCMessageItem& item) override {
+        Tell("repair ", item);
+        throw std::runtime_error("a hook may throw");
+    }
+    static void Tell(const char* kind, const TagIPCMessageItem& item) { s_outcomes.Put(kind + BodyOf(item)); }
+    static inline Mailbox<std::string> s_outcomes; // outlives every hook
+};
+
+const RoleDefinition kTwin("twin", [](int module) {
+    Watching client(module);
+    EXPECT_EQ(client.GetSdkVersion(), "1.2");
+    SayReady();
+    return Watching::s_outcomes.Take() == "detection found" ? 0 : 1;
 });
 
 // ---- The test's side -----------------------------------------------------------------------------------------------
@@ -196,15 +225,7 @@ TEST_F(ClientsTest, CancelsReadANumber) {
 }
 
 TEST_F(ClientsTest, StartsArePostedAndTheirOutcomeReachesTheHook) {
-    static Mailbox<std::string> outcomes; // outlives every hook
-    struct Watching final : DFSClient {
-        using DFSClient::DFSClient;
-        void OnRecvStartDetection(TagIPCMessageItem& item) override { outcomes.Put("detection " + BodyOf(item)); }
-        void OnRecvStartRepair(TagIPCMessageItem& item) override {
-            outcomes.Put("repair " + BodyOf(item));
-            throw std::runtime_error("a hook may throw");
-        }
-    };
+    auto& outcomes = Watching::s_outcomes;
     Watching client(kOther);
     Script(0x820005, "found");
     Script(0x820008, "mended");
@@ -223,11 +244,52 @@ TEST_F(ClientsTest, StartsArePostedAndTheirOutcomeReachesTheHook) {
     EXPECT_EQ(LastRequest(0x82000b), Request(0x82000b, 0x82000b, ""));
 }
 
-TEST_F(ClientsTest, AServiceThatDiesEndsTheCallAtOnce) {
+TEST_F(ClientsTest, SeveralClientsAndProcessesGetTheirOwnAnswers) {
+    Script(0x820001, "1.2" + kNul);
+    Script(0x820005, "found");
+    Script(0x820010, "@");
+    Role twin("twin", kOther); // the same module in another process
+    Watching client(kOther);
+    Watching second(kMe + 2);
+    std::vector<std::thread> threads;
+    std::atomic<int> right{0};
+    for (int t = 0; t < 8; ++t) { // requests that differ in nothing but their body
+        threads.emplace_back([&, t] {
+            DFSClient& asking = t % 2 == 0 ? client : second;
+            for (int i = 0; i < 20; ++i) {
+                const std::string id = std::to_string(1000 + t * 100 + i);
+                right += asking.GetFaultInfobyId(std::stoi(id), 0, 0, "", "").find(id) != std::string::npos;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(right, 160);
+    EXPECT_EQ(client.StartDetection({}, 0, Device()), 0);
+    EXPECT_EQ(Watching::s_outcomes.Take(), "detection found");
+    EXPECT_EQ(Watching::s_outcomes.Take(), "detection found");
+    EXPECT_EQ(twin.AwaitExit(), 0) << "an outcome comes to every process of the module";
+    EXPECT_EQ(client.GetSdkVersion(), "1.2") << "and the module lives on in this one";
+    EXPECT_TRUE(Watching::s_outcomes.IsEmpty()) << "nothing for the second client";
+}
+
+TEST_F(ClientsTest, AServiceThatDiesEndsTheCallAtOnceAndOneThatIsSilentDoesNot) {
+    Role silent("service", kCrashDumps); // it was told no answer
+    BSODClient unanswered(kMe + 2);
+    std::atomic<bool> waits{true};
+    std::thread waiting([&] {
+        EXPECT_EQ(unanswered.CancelAnalysis(), -1);
+        waits = false;
+    });
+    EXPECT_EQ(LastRequest(0x82000f, kCrashDumps), Request(0x82000f, 0x82000f, ""));
     DFSClient client(kOther);
     Script(-0x820001, ""); // it ends when this request comes
     EXPECT_EQ(client.GetSdkVersion(), "");
     EXPECT_EQ(client.GetSdkVersion(), "") << "and when nobody is there";
+    EXPECT_TRUE(waits) << "it began before and may take as long, so the others have not come to their time";
+    silent.Kill();
+    waiting.join();
 }
 
 TEST_F(ClientsTest, CrashDumpHistoryAndCancel) {

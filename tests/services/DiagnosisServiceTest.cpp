@@ -1,7 +1,9 @@
 // The diagnosis service: its judgement on recorded readings, and the program itself on a bus of its own.
 #include "services/diagnosis/FaultHistory.h"
+#include "services/diagnosis/Files.h"
 #include "services/diagnosis/Judgement.h"
 #include "services/diagnosis/Messages.h"
+#include "services/diagnosis/TempFiles.h"
 #include "tests/support/BusProgram.h"
 #include "tools/support/ServiceText.h"
 #include "tools/support/Utf8.h"
@@ -65,8 +67,11 @@ struct Customer : DFSClient {
     }
     std::string Repair(int scene) { // its two messages may come in any order
         StartRepair({}, scene, device);
-        return Next()["Outcome"].asString() + Next()["Outcome"].asString();
+        const Json::Value one = Next(), other = Next();
+        text = one["Text"].asString() + other["Text"].asString();
+        return one["Outcome"].asString() + other["Outcome"].asString();
     }
+    std::string text; // of the last repair
     std::shared_ptr<DiagnosisDeviceInfo> device = std::make_shared<DiagnosisDeviceInfo>("local", 0);
     Mailbox<Json::Value> outcomes, notices;
 };
@@ -121,12 +126,44 @@ TEST_F(DiagnosisProgram, RepairsWithCareAndRemembersFaults) {
     fs::remove(m_folder);
     fs::create_directory(m_folder);
     std::ofstream(m_folder / "new") << "n";
-    std::ofstream(m_folder / "old") << "four";
-    fs::last_write_time(m_folder / "old", fs::file_time_type::clock::now() - std::chrono::hours(24 * 8));
-    EXPECT_EQ(m_customer.Repair(0), "would"); // and does not: the next does
-    EXPECT_EQ(m_customer.Repair(1), "done");
-    EXPECT_FALSE(fs::exists(m_folder / "old"));
-    EXPECT_TRUE(fs::exists(m_folder / "new"));
+    std::ofstream(m_folder / "removed-2") << "in the way";
+    const fs::path old = m_folder / "old";
+    for (const char* const name :
+         {"removed-1", "removed-3"}) { // the second time, the first old file is not overwritten
+        const fs::path moved = m_folder / name / "old";
+        std::ofstream(old) << name;
+        fs::last_write_time(old, fs::file_time_type::clock::now() - std::chrono::hours(24 * 8));
+        EXPECT_EQ(m_customer.Repair(0), "would");
+        EXPECT_TRUE(fs::exists(old) && !fs::exists(moved));
+        EXPECT_EQ(m_customer.Repair(1), "done");
+        EXPECT_NE(m_customer.text.find(Support::Utf8FromPath(moved.parent_path())), std::string::npos);
+        EXPECT_TRUE(!fs::exists(old) && fs::exists(moved) && fs::exists(m_folder / "new"));
+        EXPECT_EQ(m_customer.Repair(1), "ok") << "what was moved is not found again";
+    }
+    fs::rename(m_folder / "removed-1" / "old", old);
+    EXPECT_EQ(ReadText(old), "removed-1") << "restored";
+}
+
+// Two repairs at once: every file is in one place in the end, and nowhere else.
+TEST(TempFiles, NoFileIsLostOrDoubled) {
+    const fs::path folder = fs::temp_directory_path() / ("veyra-temp-files-" + std::to_string(GetCurrentProcessId()));
+    fs::create_directory(folder);
+    constexpr int kFiles = 300;
+    for (int i = 0; i < kFiles; ++i) {
+        const fs::path file = folder / std::to_string(i);
+        std::ofstream(file) << i;
+        fs::last_write_time(file, fs::file_time_type::clock::now() - std::chrono::hours(24 * 8));
+    }
+    const auto repair = [&] { RepairTempFiles(folder, true, {}); };
+    std::thread other(repair);
+    repair();
+    other.join();
+    int found = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        found += entry.is_regular_file() && entry.path().parent_path() != folder;
+    }
+    EXPECT_EQ(found, kFiles);
+    fs::remove_all(folder);
 }
 
 TEST_F(DiagnosisProgram, AnswersRubbish) {

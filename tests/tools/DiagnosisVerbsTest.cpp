@@ -18,10 +18,13 @@ const std::vector<Line> kScripts[] = {
      {0x820004, 0x820005, R"({"State":"finished","Ok":1,"Warning":1})"}, // has overtaken the others
      {0x820004, 0x820005, R"({"State":"running","Percent":99,"Item":"b","Outcome":"warning","Text":"\u001b\u00e9"})"},
      {0x820004, 0x820005, R"({"State":"running","Percent":5,"Item":"a","Outcome":"ok","Text":"x","EventId":3})"},
+     {0x820006, 0x820006, "1"},
      {0x820007, 0x820008, R"({"State":"refused","Asked":@})"},
+     {0x820009, 0x820009, "1"},
      {0x820010, 0x820010, R"({"Events":[{"EventId":12,"Time":1700000000,"EventType":"fault","Text":"t"}]})"},
      {0x82000d, 0x82000e, R"({"State":"running","Percent":9,"File":"/f","Type":"elf-core","Time":0,"Text":"t"})"},
-     {0x82000d, 0x82000e, R"({"State":"finished","Analysed":1,"Unreadable":0})"}},
+     {0x82000d, 0x82000e, R"({"State":"finished","Analysed":1,"Unreadable":0})"},
+     {0x82000f, 0x82000f, "0"}},
     {{0x820002, 0x820002, R"({"DetectCapability":[{}]})"},
      {0x820004, 0x820005, R"({"State":"running","Percent":5,"Item":"a","Outcome":"ok","Text":"x"})"}, // and no more
      {0x820006, 0x820006, "0"},
@@ -73,6 +76,11 @@ struct ScriptedBus {
     Role host{"host"}, services;
 };
 
+void AwaitOutcome(Program& run) { // of the run that does not end by itself
+    run.ReadLine();
+    EXPECT_EQ(run.ReadLine(), "5 %    ok       a                      x");
+}
+
 TEST(DiagnosisVerbs, ShowWhatTheServicesAnswer) {
     const ScriptedBus bus(kGood);
     const auto shown = [](const std::vector<std::string>& words) { return Program(words).Rest(); };
@@ -89,6 +97,8 @@ TEST(DiagnosisVerbs, ShowWhatTheServicesAnswer) {
     EXPECT_EQ(shown({"crashdumps", "analyse", "--from", "7"}),
               "veyra: `veyra crashdumps cancel --from 0x7` or Ctrl-C cancels this run\n"
               "9 %    elf-core     /f, 1970-01-01 00:00:00 UTC: t\nfinished: 1 analysed, 0 unreadable\n0");
+    EXPECT_EQ(shown({"crashdumps", "cancel", "--from", "7", "--json"}), "{\"Cancelled\":true}\n0");
+    EXPECT_EQ(shown({"diagnose", "cancel", "--from", "7"}), "veyra: no run of module 0x7 was cancelled\n1");
     const std::pair<std::string, std::vector<std::string>> examples[] = {EXAMPLES};
     for (const auto& [program, arguments] : examples) {
         EXPECT_EQ(Program(arguments, program).Rest(), "version 9.8.7\ndetects memory\ndetects battery\n0") << program;
@@ -104,15 +114,22 @@ TEST(DiagnosisVerbs, WrongAnswersAreReportedAndRunsEndBeforeTheirTime) {
         EXPECT_NE(text.find(" service sent what cannot be understood: "), std::string::npos) << verb << text;
         EXPECT_EQ(text.substr(text.rfind('\n')), "\n1") << verb;
     }
-    const auto firstOutcome = [](Program& run) { return run.ReadLine(), run.ReadLine(); };
     Program cancelled({"diagnose", "start", "--from", "7"});
-    EXPECT_EQ(firstOutcome(cancelled), "5 %    ok       a                      x");
+    AwaitOutcome(cancelled);
     EXPECT_EQ(Program({"diagnose", "cancel", "--from", "7"}).Rest(), "cancelled\n0");
     EXPECT_EQ(cancelled.Rest(), "cancelled\n1");
     Program left({"diagnose", "start"});
-    EXPECT_EQ(firstOutcome(left), "5 %    ok       a                      x");
+    AwaitOutcome(left);
     bus.services.Kill();
     EXPECT_EQ(left.Rest(), "veyra: the diagnosis service went away before the run had ended\n1");
+}
+
+TEST(DiagnosisVerbs, TheEndOfTheHostIsTheEndOfARun) {
+    ScriptedBus bus(kBad);
+    Program left({"diagnose", "start"});
+    AwaitOutcome(left);
+    bus.host.Kill();
+    EXPECT_EQ(left.Rest(), "veyra: the bus server went away before the run had ended\n1");
 }
 
 } // namespace

@@ -1,9 +1,11 @@
 // The program veyra, run as a shell would run it: exit codes, what it prints, and what really crosses the bus.
 #include "tools/support/ChildProcess.h"
 #include "tools/support/Utf8.h"
+#include "veyrasvc/util/SystemVersion.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -156,6 +158,40 @@ TEST_F(VeyraProgram, BodiesAreStoredUnchanged) {
     EXPECT_EQ(listener.Finish().first, 0U);
     std::ifstream stored(m_folder / "000001", std::ios::binary);
     EXPECT_TRUE(std::string(std::istreambuf_iterator<char>(stored), {}) == bytes);
+}
+
+TEST_F(VeyraProgram, SysinfoTellsTheVersionRecord) {
+    const SystemVersion version;
+    const std::string major = std::to_string(version.GetMajor());
+    const std::string build = std::to_string(version.GetBuild());
+    const auto [exitCode, text] = Veyra({"sysinfo"}).Finish();
+    EXPECT_EQ(exitCode, 0U);
+    const std::string head = "name          " + Utf8FromWide(version.GetName()) + "\nversion       " + major + '.' +
+                             std::to_string(version.GetMinor()) + "\nbuild         " + build + '\n';
+    EXPECT_EQ(text.substr(0, head.size()), head);
+    EXPECT_NE(text.find(IsServer() ? "\nrole          server\n" : "\nrole          workstation\n"), std::string::npos);
+    const std::string json = Veyra({"sysinfo", "--json"}).NextLine();
+    for (const std::string& field : {"\"major\":" + major + ',', "\"build\":" + build + ',',
+                                     std::string("\"is64Bit\":") + (version.Is64Bit() ? "true" : "false")}) {
+        EXPECT_NE(json.find(field), std::string::npos) << field << " in " << json;
+    }
+}
+
+TEST_F(VeyraProgram, HashesWhatItCanAndSaysWhatItCannot) {
+    std::filesystem::create_directory(m_folder / "s");
+    std::string folder = Utf8FromPath(m_folder);
+    std::replace(folder.begin(), folder.end(), '\\', '/'); // the one backslash is to be in the last name
+    const std::string plain = folder + "/abc";
+    const std::string odd = folder + "/s\\f"; // a file in a folder, or a name with a backslash
+    std::ofstream(PathFromUtf8(plain), std::ios::binary) << "abc";
+    std::ofstream(PathFromUtf8(odd), std::ios::binary) << std::string(3000000, 'a');
+    ExpectOutcome({"hash", plain, folder + "/none", folder, odd}, 1,
+                  "900150983CD24FB0D6963F7D28E17F72  " + plain + "\nveyra: '" + folder +
+                      "/none' cannot be read: there is no such file\nveyra: '" + folder +
+                      "' cannot be read: it is a folder, or access to it is denied\n" +
+                      "\\99DDC9A3A46EA62C95652BDF937A1FB8  " + folder + "/s\\\\f\n");
+    ExpectOutcome({"hash", "--sha256", plain}, 0,
+                  "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD  " + plain + '\n');
 }
 
 } // namespace

@@ -1,11 +1,9 @@
 // veyra crashdumps: the crash dumps of this machine.
 #include "tools/support/StandardIo.h"
 #include "tools/support/Stop.h"
-#include "tools/veyra/Ids.h"
-#include "tools/veyra/Options.h"
 #include "tools/veyra/Say.h"
 #include "tools/veyra/ServiceRun.h"
-#include "tools/veyra/Verbs.h"
+#include "tools/veyra/ServiceVerbs.h"
 #include "veyrasvc/diagnosis/BSODClient.h"
 
 #include <CLI/CLI.hpp>
@@ -20,12 +18,7 @@ namespace {
 
 constexpr Service kService{0x830000, "the crash-dump service", "veyra-crashdumpd"};
 
-struct CrashDumpOptions {
-    std::uint32_t from = PassingModuleId();
-    bool json = false;
-};
-
-using Options = std::shared_ptr<CrashDumpOptions>;
+using Options = std::shared_ptr<ServiceOptions>;
 
 // ---- The list ------------------------------------------------------------------------------------------------------
 
@@ -47,7 +40,7 @@ std::string HistoryAsLines(const std::list<std::string>& dumps) {
     return lines;
 }
 
-int List(const CrashDumpOptions& options, ServiceWatch& watch) {
+int List(const ServiceOptions& options, ServiceWatch& watch) {
     constexpr double kNone = -1;
     constexpr double kRead = 0;
     BSODClient client(static_cast<int>(options.from));
@@ -95,40 +88,28 @@ std::string DescribeDump(const Json::Value& outcome) {
     return outcome[said].isNull() ? line : line + ": " + Printable(outcome[said].asString());
 }
 
-int FollowAnalysis(const CrashDumpOptions& options, ServiceWatch& watch) {
+int FollowAnalysis(const ServiceOptions& options, ServiceWatch& watch) {
     RunOutcomes outcomes;
     RunClient client(options.from, outcomes);
-    Say("`veyra crashdumps cancel --from " + HexId(options.from) + "` or Ctrl-C cancels this run");
+    SayHowToCancel("crashdumps", options);
     return FollowRun(watch, outcomes,
                      {[&] { return client.StartBsodAnalysis(); }, [&] { return client.CancelAnalysis(); }, DescribeDump,
                       options.json});
 }
 
-int Analyse(const CrashDumpOptions& options) {
+int Analyse(const ServiceOptions& options) {
     Support::CatchStopSignals();
     return WithService(kService, [&](ServiceWatch& watch) { return FollowAnalysis(options, watch); });
 }
 
-int Cancel(const CrashDumpOptions& options, ServiceWatch& watch) {
+int Cancel(const ServiceOptions& options, ServiceWatch& watch) {
     BSODClient client(static_cast<int>(options.from));
-    if (client.CancelAnalysis() != 0) {
-        if (watch.IsThere()) {
-            Say("no run of module " + HexId(options.from) + " was cancelled");
-        }
-        return kFailed;
-    }
-    return Support::WriteOutput(options.json ? "{\"Cancelled\":true}\n" : "cancelled\n") ? kDone : kFailed;
+    return ReportCancel(options, watch, client.CancelAnalysis() == 0);
 }
 
 // ---- Options -------------------------------------------------------------------------------------------------------
 
-using Question = int (*)(const CrashDumpOptions&, ServiceWatch&);
-
-Verb AddVerb(CLI::App& group, const Options& options, const char* name, const char* help, std::function<int()> run) {
-    CLI::App* command = group.add_subcommand(name, help);
-    command->add_flag("--json", options->json, "Print JSON, an object a line");
-    return {command, std::move(run)};
-}
+using Question = int (*)(const ServiceOptions&, ServiceWatch&);
 
 std::function<int()> Asking(const Options& options, Question question) {
     return [options, question] {
@@ -139,17 +120,16 @@ std::function<int()> Asking(const Options& options, Question question) {
 } // namespace
 
 Verb AddCrashDumps(CLI::App& program) {
-    auto options = std::make_shared<CrashDumpOptions>();
+    auto options = std::make_shared<ServiceOptions>();
     CLI::App* group = program.add_subcommand("crashdumps", "List and analyse the crash dumps of this machine");
     group->require_subcommand(1);
-    const Verb list = AddVerb(*group, options, "list", "Print the paths of the dumps", Asking(options, List));
-    const Verb analyse = AddVerb(*group, options, "analyse", "Tell of each dump what it is and why it was made",
-                                 [options] { return Analyse(*options); });
-    AddModuleId(*analyse.command, "--from", options->from,
-                "Act as this module; by default an id made from the process id");
-    const Verb cancel =
-        AddVerb(*group, options, "cancel", "Cancel the analysis that a module has started", Asking(options, Cancel));
-    AddModuleId(*cancel.command, "--from", options->from, "That module; `analyse` tells its own")->required();
+    const Verb list = AddServiceVerb(*group, *options, "list", "Print the paths of the dumps", Asking(options, List));
+    const Verb analyse = AddServiceVerb(*group, *options, "analyse", "Tell of each dump what it is and why it was made",
+                                        [options] { return Analyse(*options); });
+    AddActingModule(analyse, *options);
+    const Verb cancel = AddServiceVerb(*group, *options, "cancel", "Cancel the analysis that a module has started",
+                                       Asking(options, Cancel));
+    AddCancelledModule(cancel, *options, "That module; `analyse` tells its own");
     return {group, [list, analyse, cancel] { return RunChosen({list, analyse, cancel}); }};
 }
 

@@ -1,11 +1,9 @@
 // veyra diagnose: what the diagnosis service knows, finds and repairs.
 #include "tools/support/StandardIo.h"
 #include "tools/support/Stop.h"
-#include "tools/veyra/Ids.h"
-#include "tools/veyra/Options.h"
 #include "tools/veyra/Say.h"
 #include "tools/veyra/ServiceRun.h"
-#include "tools/veyra/Verbs.h"
+#include "tools/veyra/ServiceVerbs.h"
 #include "veyrasvc/diagnosis/DFSClient.h"
 
 #include <CLI/CLI.hpp>
@@ -26,9 +24,7 @@ constexpr Service kService{0x820000, "the diagnosis service", "veyra-diagnosisd"
 constexpr int kDryRun = 0;
 constexpr int kForReal = 1;
 
-struct DiagnoseOptions {
-    std::uint32_t from = PassingModuleId();
-    bool json = false;
+struct DiagnoseOptions : ServiceOptions {
     std::vector<std::string> items;
     bool forReal = false;
     // Of faults; the defaults match all.
@@ -82,13 +78,7 @@ int Capabilities(const DiagnoseOptions& options, DFSClient& client, ServiceWatch
 
 int Cancel(const DiagnoseOptions& options, DFSClient& client, ServiceWatch& watch) {
     const bool cancelled = client.CancelDetection(ThisMachine()) == 0 || client.CancelRepair(ThisMachine()) == 0;
-    if (!cancelled) {
-        if (watch.IsThere()) {
-            Say("no run of module " + HexId(options.from) + " was cancelled");
-        }
-        return kFailed;
-    }
-    return Result(Support::WriteOutput(options.json ? "{\"Cancelled\":true}\n" : "cancelled\n"));
+    return ReportCancel(options, watch, cancelled);
 }
 
 // ---- Fault events --------------------------------------------------------------------------------------------------
@@ -197,7 +187,7 @@ int FollowRunOf(const DiagnoseOptions& options, RunKind kind, ServiceWatch& watc
         run.start = [&] { return client.StartRepair(items, options.forReal ? kForReal : kDryRun, ThisMachine()); };
         run.cancel = [&] { return client.CancelRepair(ThisMachine()); };
     }
-    Say("`veyra diagnose cancel --from " + HexId(options.from) + "` or Ctrl-C cancels this run");
+    SayHowToCancel("diagnose", options);
     const int result = FollowRun(watch, outcomes, run);
     client.CancelNotify(""); // the service would tell this module of new events from now on
     watch.Flush();
@@ -213,14 +203,8 @@ int StartRun(const DiagnoseOptions& options, RunKind kind) {
 
 using Question = int (*)(const DiagnoseOptions&, DFSClient&, ServiceWatch&);
 
-Verb AddVerb(CLI::App& group, const Options& options, const char* name, const char* help, std::function<int()> run) {
-    CLI::App* command = group.add_subcommand(name, help);
-    command->add_flag("--json", options->json, "Print JSON, an object a line");
-    return {command, std::move(run)};
-}
-
 Verb AddQuestion(CLI::App& group, const Options& options, const char* name, const char* help, Question question) {
-    return AddVerb(group, options, name, help, [options, question] {
+    return AddServiceVerb(group, *options, name, help, [options, question] {
         return AskService(kService, [&](ServiceWatch& watch) {
             DFSClient client(static_cast<int>(options->from));
             return question(*options, client, watch);
@@ -230,7 +214,7 @@ Verb AddQuestion(CLI::App& group, const Options& options, const char* name, cons
 
 Verb AddCancel(CLI::App& group, const Options& options) {
     Verb verb = AddQuestion(group, options, "cancel", "Cancel the run that a module has started", Cancel);
-    AddModuleId(*verb.command, "--from", options->from, "That module; `start` and `repair` tell theirs")->required();
+    AddCancelledModule(verb, *options, "That module; `start` and `repair` tell theirs");
     return verb;
 }
 
@@ -250,10 +234,9 @@ Verb AddFaults(CLI::App& group, const Options& options) {
 }
 
 Verb AddRun(CLI::App& group, const Options& options, const char* name, const char* help, RunKind kind) {
-    Verb verb = AddVerb(group, options, name, help, [options, kind] { return StartRun(*options, kind); });
+    Verb verb = AddServiceVerb(group, *options, name, help, [options, kind] { return StartRun(*options, kind); });
     verb.command->add_option("--item", options->items, "Only this item; may be repeated")->type_name("NAME");
-    AddModuleId(*verb.command, "--from", options->from,
-                "Act as this module; by default an id made from the process id");
+    AddActingModule(verb, *options);
     if (kind == RunKind::Repair) {
         verb.command->add_flag("--for-real", options->forReal, "Do it; without this, only tell what would be done");
     }

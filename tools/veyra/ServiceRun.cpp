@@ -200,12 +200,14 @@ private:
         if (Clock::now() - m_lastCheck < kCheckInterval) {
             return true;
         }
-        const bool there = m_watch.Status() == Support::ModuleStatus::Online;
+        const Support::ModuleStatus status = m_watch.Status();
         m_lastCheck = Clock::now();
-        if (there || Support::StopAsked()) { // to ask is cut short by the wish to stop
+        if (status == Support::ModuleStatus::Online ||
+            Support::StopAsked()) { // to ask is cut short by the wish to stop
             return true;
         }
-        Say(std::string(m_watch.Watched().name) + " went away before the run had ended");
+        const bool isServed = status == Support::ModuleStatus::Offline;
+        Say(std::string(isServed ? m_watch.Watched().name : "the bus server") + " went away before the run had ended");
         return false;
     }
 

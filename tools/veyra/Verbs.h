@@ -33,6 +33,8 @@ Verb AddListen(CLI::App& program);
 Verb AddStatus(CLI::App& program);
 Verb AddDiagnose(CLI::App& program);
 Verb AddCrashDumps(CLI::App& program);
+Verb AddHash(CLI::App& program);
+Verb AddSysInfo(CLI::App& program);
 Verb AddBench(CLI::App& program);
 Verb AddBenchWorker(CLI::App& program); // hidden: what `bench` starts
 

@@ -37,9 +37,10 @@ int Run(int argc, char** argv) {
     CLI::App program("Serves and uses the message bus of this machine.", "veyra");
     program.footer(kFooter);
     program.require_subcommand(1);
-    const std::vector<Verb> verbs = {
-        AddServe(program),  AddSend(program),     AddPost(program),       AddPublish(program), AddListen(program),
-        AddStatus(program), AddDiagnose(program), AddCrashDumps(program), AddBench(program),   AddBenchWorker(program)};
+    const std::vector<Verb> verbs = {AddServe(program),    AddSend(program),       AddPost(program),
+                                     AddPublish(program),  AddListen(program),     AddStatus(program),
+                                     AddDiagnose(program), AddCrashDumps(program), AddHash(program),
+                                     AddSysInfo(program),  AddBench(program),      AddBenchWorker(program)};
     if (const auto exitCode = Support::ParseArguments(program, argc, argv)) {
         return *exitCode;
     }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <initializer_list>
 #include <new>
 #include <string_view>
 
@@ -34,8 +35,12 @@ static_assert(offsetof(CDiagnosisDeviceInfo, deviceId) == 204);
 static_assert(offsetof(CDiagnosisDeviceInfo, trelixVersion) == 804);
 static_assert(offsetof(CStringList, count) == 10000);
 
-DFSClient* ClientOf(DFSClientHandle handle) {
-    return handle == nullptr ? nullptr : handle->client;
+// What `use` makes of the client; kMissingArgument, and nothing is called, when that or a required pointer is null.
+template <class Use>
+int WithClient(DFSClientHandle handle, std::initializer_list<const void*> required, const Use& use) {
+    const bool isThere = handle != nullptr && handle->client != nullptr;
+    return isThere && std::count(required.begin(), required.end(), nullptr) == 0 ? use(*handle->client)
+                                                                                 : kMissingArgument;
 }
 
 template <std::size_t Size> std::string TextOf(const char (&field)[Size]) {
@@ -104,78 +109,59 @@ void DFSClientDestroy(DFSClientHandle handle) {
 }
 
 int CGetSdkVersion(DFSClientHandle handle, char* version) {
-    DFSClient* const client = ClientOf(handle);
-    if (client == nullptr || version == nullptr) {
-        return kMissingArgument;
-    }
-    CopyOut(client->GetSdkVersion(), version, DFS_VERSION_SIZE);
-    return 0;
+    return WithClient(handle, {version}, [&](DFSClient& client) {
+        CopyOut(client.GetSdkVersion(), version, DFS_VERSION_SIZE);
+        return 0;
+    });
 }
 
 int CGetDetectCapability(DFSClientHandle handle, const CDiagnosisDeviceInfo* deviceInfo, CStringList* capability) {
-    DFSClient* const client = ClientOf(handle);
-    if (client == nullptr || deviceInfo == nullptr || capability == nullptr) {
-        return kMissingArgument;
-    }
-    CopyOut(client->GetDetectCapability(DeviceOf(*deviceInfo)), *capability);
-    return 0;
+    return WithClient(handle, {deviceInfo, capability}, [&](DFSClient& client) {
+        CopyOut(client.GetDetectCapability(DeviceOf(*deviceInfo)), *capability);
+        return 0;
+    });
 }
 
 int CGetRepairCapability(DFSClientHandle handle, const CDiagnosisDeviceInfo* deviceInfo, CStringList* capability) {
-    DFSClient* const client = ClientOf(handle);
-    if (client == nullptr || deviceInfo == nullptr || capability == nullptr) {
-        return kMissingArgument;
-    }
-    CopyOut(client->GetRepairCapability(DeviceOf(*deviceInfo)), *capability);
-    return 0;
+    return WithClient(handle, {deviceInfo, capability}, [&](DFSClient& client) {
+        CopyOut(client.GetRepairCapability(DeviceOf(*deviceInfo)), *capability);
+        return 0;
+    });
 }
 
 int CGetFaultInfobyId(DFSClientHandle handle, int eventId, std::int64_t startTime, std::int64_t endTime,
                       const char* eventType, const char* eventProvider, char* faultInfo) {
-    DFSClient* const client = ClientOf(handle);
-    if (client == nullptr || eventType == nullptr || eventProvider == nullptr || faultInfo == nullptr) {
-        return kMissingArgument;
-    }
-    CopyOut(client->GetFaultInfobyId(eventId, startTime, endTime, eventType, eventProvider), faultInfo,
-            DFS_FAULT_INFO_SIZE);
-    return 0;
+    return WithClient(handle, {eventType, eventProvider, faultInfo}, [&](DFSClient& client) {
+        CopyOut(client.GetFaultInfobyId(eventId, startTime, endTime, eventType, eventProvider), faultInfo,
+                DFS_FAULT_INFO_SIZE);
+        return 0;
+    });
 }
 
 int CStartDetection(DFSClientHandle handle, const CStringList* operationItems, int operationScene,
                     const CDiagnosisDeviceInfo* deviceInfo) {
-    DFSClient* const client = ClientOf(handle);
-    if (client == nullptr || operationItems == nullptr || deviceInfo == nullptr) {
-        return kMissingArgument;
-    }
-    return client->StartDetection(ItemsOf(*operationItems), operationScene, DeviceOf(*deviceInfo));
+    return WithClient(handle, {operationItems, deviceInfo}, [&](DFSClient& client) {
+        return client.StartDetection(ItemsOf(*operationItems), operationScene, DeviceOf(*deviceInfo));
+    });
 }
 
 int CCancelDetection(DFSClientHandle handle, const CDiagnosisDeviceInfo* deviceInfo) {
-    DFSClient* const client = ClientOf(handle);
-    if (client == nullptr || deviceInfo == nullptr) {
-        return kMissingArgument;
-    }
-    return client->CancelDetection(DeviceOf(*deviceInfo));
+    return WithClient(handle, {deviceInfo},
+                      [&](DFSClient& client) { return client.CancelDetection(DeviceOf(*deviceInfo)); });
 }
 
 int CStartRepair(DFSClientHandle handle, const CStringList* operationItems, int operationScene,
                  const CDiagnosisDeviceInfo* deviceInfo) {
-    DFSClient* const client = ClientOf(handle);
-    if (client == nullptr || operationItems == nullptr || deviceInfo == nullptr) {
-        return kMissingArgument;
-    }
-    return client->StartRepair(ItemsOf(*operationItems), operationScene, DeviceOf(*deviceInfo));
+    return WithClient(handle, {operationItems, deviceInfo}, [&](DFSClient& client) {
+        return client.StartRepair(ItemsOf(*operationItems), operationScene, DeviceOf(*deviceInfo));
+    });
 }
 
 int CCancelRepair(DFSClientHandle handle, const CDiagnosisDeviceInfo* deviceInfo) {
-    DFSClient* const client = ClientOf(handle);
-    if (client == nullptr || deviceInfo == nullptr) {
-        return kMissingArgument;
-    }
-    return client->CancelRepair(DeviceOf(*deviceInfo));
+    return WithClient(handle, {deviceInfo},
+                      [&](DFSClient& client) { return client.CancelRepair(DeviceOf(*deviceInfo)); });
 }
 
 int CCancelNotify(DFSClientHandle handle, const char* text) {
-    DFSClient* const client = ClientOf(handle);
-    return client == nullptr ? kMissingArgument : client->CancelNotify(text);
+    return WithClient(handle, {}, [&](DFSClient& client) { return client.CancelNotify(text); });
 }

@@ -17,11 +17,7 @@ DetectParamDecoration& DetectParamDecoration::operator=(const DetectParamDecorat
 DetectParamDecoration::~DetectParamDecoration() = default;
 
 bool DetectParamDecoration::FromJsonStr(const std::string& jsonStr) {
-    if (jsonStr.empty()) {
-        LOG_WARN("input jsonStr is empty.");
-        return false;
-    }
-    const std::optional<Json::Value> read = ReadJson(jsonStr, SENTRIX_HERE);
+    const std::optional<Json::Value> read = ReadRecord(jsonStr, SENTRIX_HERE);
     if (!read) {
         return false;
     }

@@ -23,11 +23,7 @@ void DiagnosisDeviceInfo::SetRemoteDeviceInfo(const std::string& deviceId, const
 }
 
 bool DiagnosisDeviceInfo::FromJsonStr(const std::string& jsonStr) {
-    if (jsonStr.empty()) {
-        LOG_WARN("input jsonStr is empty.");
-        return false;
-    }
-    const std::optional<Json::Value> read = ReadJson(jsonStr, SENTRIX_HERE);
+    const std::optional<Json::Value> read = ReadRecord(jsonStr, SENTRIX_HERE);
     if (!read) {
         return false;
     }

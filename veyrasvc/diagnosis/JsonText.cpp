@@ -33,6 +33,14 @@ std::optional<Json::Value> ReadJson(const std::string& text, const CallSite& whe
     return std::move(parsed.root);
 }
 
+std::optional<Json::Value> ReadRecord(const std::string& text, const CallSite& where) {
+    if (text.empty()) {
+        LOG_WARN_AT(where, "input jsonStr is empty.");
+        return std::nullopt;
+    }
+    return ReadJson(text, where);
+}
+
 std::string WriteJsonLine(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";

@@ -20,6 +20,8 @@ ParsedJson ParseJson(const std::string& text);
 
 // The text's value. Nothing, and a log line of the operation `where`: it is no JSON, or null.
 std::optional<Json::Value> ReadJson(const std::string& text, const CallSite& where);
+// The same for the text of a record, which an empty one is not.
+std::optional<Json::Value> ReadRecord(const std::string& text, const CallSite& where);
 
 std::string WriteJsonLine(const Json::Value& value);
 

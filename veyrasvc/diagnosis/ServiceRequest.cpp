@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 
 namespace Vantor::Sentrix {
@@ -27,6 +28,20 @@ TagIPCMessageItem RecordOf(const ServiceRequest& request, const std::string& tex
     return item;
 }
 
+// The tick at which a request is sent, as its correlation id. Never the same twice: requests of two threads, or one
+// that follows another that was answered twice, would take each other's answers.
+std::int32_t NextTick() {
+    static std::mutex mutex;
+    static DWORD last = 0;
+    const std::lock_guard guard(mutex);
+    DWORD now = GetTickCount();
+    for (; now == last; now = GetTickCount()) {
+        Sleep(1);
+    }
+    last = now;
+    return static_cast<std::int32_t>(now);
+}
+
 } // namespace
 
 bool PostRequest(const IPCMessageClient& client, const ServiceRequest& request, const std::string& text) {
@@ -36,7 +51,7 @@ bool PostRequest(const IPCMessageClient& client, const ServiceRequest& request, 
 std::optional<std::string> Ask(const IPCMessageClient& client, const ServiceRequest& request, const std::string& text,
                                const char* resultLabel, const CallSite& where) {
     TagIPCMessageItem item = RecordOf(request, text);
-    item.uniqMsgId = static_cast<std::int32_t>(GetTickCount());
+    item.uniqMsgId = NextTick();
     TagIPCMessageItem answer;
     const bool sent = client.SendIPCMessage(item, answer, kAnswerTimeoutMs);
     const std::unique_ptr<char, OperatorDelete> owned(answer.data);
