@@ -14,8 +14,12 @@ set(public_headers
   veyrasvc/diagnosis/DiagnosisDeviceInfo.h
   veyrasvc/platform/Export.h
   veyrasvc/platform/Win32.h
+  veyrasvc/stream/DataStream.h
+  veyrasvc/stream/FileItems.h
   veyrasvc/stream/SimpleStream.h
+  veyrasvc/stream/HashUtils.h
   veyrasvc/util/Locks.h
+  veyrasvc/util/SystemVersion.h
   veyrasvc/util/ThreadSafety.h)
 if(NOT WIN32)
   list(APPEND public_headers veyrasvc/platform/posix/Win32Subset.h)
