@@ -27,10 +27,14 @@ std::size_t Length32(const char* at) {
 } // namespace
 
 void BasePacket::SetBody(std::string_view body) {
-    m_headRoom = kHeadRoom;
-    m_body.storage = AllocateStorage(m_headRoom + body.size());
-    body.copy(m_body.storage.get() + m_headRoom, body.size());
-    m_body.bytes = {m_body.storage.get() + m_headRoom, body.size()};
+    CopyBody(body, kHeadRoom);
+}
+
+void BasePacket::CopyBody(std::string_view body, std::size_t headRoom) {
+    m_headRoom = headRoom;
+    m_body.storage = AllocateStorage(headRoom + body.size());
+    body.copy(m_body.storage.get() + headRoom, body.size());
+    m_body.bytes = {m_body.storage.get() + headRoom, body.size()};
 }
 
 // ---- Payloads ------------------------------------------------------------------------------------------------------
@@ -93,7 +97,7 @@ bool BasePacket::TakeWhole(const SharedBytes& frame) {
         m_body = {frame.storage, body};
         m_headRoom = 0;
     } else {
-        SetBody(body);
+        CopyBody(body, 0); // which is rarely sent on
     }
     return true;
 }

@@ -60,6 +60,7 @@ public:
 
 private:
     bool TakeWhole(const SharedBytes& frame);
+    void CopyBody(std::string_view body, std::size_t headRoom);
 
     SharedBytes m_body;         // the ciphertext when m_encrypted is set; ends with its storage when that has head room
     std::size_t m_headRoom = 0; // bytes of the storage in front of the body that a frame's head may be written to

@@ -155,15 +155,20 @@ void IPCMessageClient::RunJob(const Job& job) noexcept {
     }
 }
 
-// A message without a callback needs a job only where that is logged.
+// A message without a callback needs a job only where that is logged. Asked for every message by the one thread that
+// reads them all, so it takes no lock that callbacks' threads take, as long as it can.
 bool IPCMessageClient::WantsMessage(std::uint32_t msgId) {
+    if (!m_hasCallbacks || IsLogEnabled(LogLevel::Warn)) {
+        return m_hasCallbacks;
+    }
     const std::lock_guard guard(m_callbackMutex);
-    return m_callbacks.count(Signed(msgId)) != 0 || (!m_callbacks.empty() && IsLogEnabled(LogLevel::Warn));
+    return m_callbacks.count(Signed(msgId)) != 0;
 }
 
-bool IPCMessageClient::WantsPublications() {
-    const std::lock_guard guard(m_callbackMutex);
-    return static_cast<bool>(m_publishCallback);
+// With m_callbackMutex held.
+void IPCMessageClient::NoteCallbacks() {
+    m_hasCallbacks = !m_callbacks.empty();
+    m_hasPublishCallback = static_cast<bool>(m_publishCallback);
 }
 
 IPCMessageClient::IPCMessageClient(int moduleId, bool /*unused*/, bool forwardPosts)
@@ -175,7 +180,7 @@ IPCMessageClient::IPCMessageClient(int moduleId, bool /*unused*/, bool forwardPo
         }
     });
     engine.RegisterPublishHandler(this, Unsigned(moduleId), [this](const std::shared_ptr<BasePacket>& packet) {
-        if (packet && WantsPublications()) {
+        if (packet && m_hasPublishCallback) {
             QueueJob(JobKind::Publication, std::make_shared<BasePacket>(*packet)); // Bregister may rewrite its own
         }
     });
@@ -399,17 +404,20 @@ bool IPCMessageClient::Bregister(BasePacket& packet) {
 void IPCMessageClient::RegisterMessageCallback(int msgId, IPCMessageCallback callback) {
     const std::lock_guard guard(m_callbackMutex);
     m_callbacks[msgId].swap(callback); // the old one is destroyed when the mutex is free
+    NoteCallbacks();
 }
 
 void IPCMessageClient::RegisterPublishMessageCallback(IPCMessageCallback callback) {
     const std::lock_guard guard(m_callbackMutex);
     m_publishCallback.swap(callback);
+    NoteCallbacks();
 }
 
 bool IPCMessageClient::UnRegisterMessageCallback(int msgId) {
     std::map<int, IPCMessageCallback>::node_type removed; // destroyed when the mutex is free
     const std::lock_guard guard(m_callbackMutex);
     removed = m_callbacks.extract(msgId);
+    NoteCallbacks();
     return true;
 }
 
@@ -420,6 +428,7 @@ bool IPCMessageClient::UnRegisterMessageCallbackAll() {
         const std::lock_guard guard(m_callbackMutex);
         callbacks.swap(m_callbacks);
         publishCallback.swap(m_publishCallback);
+        NoteCallbacks();
     }
     const std::lock_guard guard(m_subscribeMutex);
     m_subscriptions.clear();

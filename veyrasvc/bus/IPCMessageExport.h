@@ -11,6 +11,7 @@
 #include "veyrasvc/bus/ModuleId.h" // the ids that the bus reserves
 #include "veyrasvc/platform/Export.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -132,13 +133,15 @@ private:
 
     void QueueJob(JobKind kind, std::shared_ptr<BasePacket> packet);
     bool WantsMessage(std::uint32_t msgId);
-    bool WantsPublications();
+    void NoteCallbacks();
     static void RunJob(const Job& job) noexcept;
 
     std::int32_t m_moduleId;
     std::map<int, IPCMessageCallback> m_callbacks;
     IPCMessageCallback m_publishCallback;
     std::recursive_mutex m_callbackMutex;                                 // guards the two above
+    std::atomic<bool> m_hasCallbacks{false};                              // whether m_callbacks has any
+    std::atomic<bool> m_hasPublishCallback{false};
     std::recursive_mutex m_subscribeMutex;                                // guards the subscriptions
     std::vector<std::pair<std::uint32_t, std::uint32_t>> m_subscriptions; // module and message id; message 0: any
     std::shared_ptr<ClientLifetime> m_lifetime;                           // shared with the jobs of this client

@@ -177,6 +177,7 @@ private:
     OVERLAPPED m_writeOverlapped VEYRA_GUARDED_BY(m_sendQueue){};
     Outgoing m_sendRest VEYRA_GUARDED_BY(m_sendQueue);              // what is being written; the write reads from it
     std::size_t m_sendRestOffset VEYRA_GUARDED_BY(m_sendQueue) = 0; // how much of it was handed to the pipe
+    std::string m_spareJoined VEYRA_GUARDED_BY(m_sendQueue);        // room for frames to be joined in
     std::chrono::steady_clock::time_point m_lastQueued VEYRA_GUARDED_BY(m_sendQueue); // when a frame came last
     int m_inRush VEYRA_GUARDED_BY(m_sendQueue) = 0; // frames that have come in close succession
 

@@ -7,6 +7,7 @@
 #include <new>
 #include <span>
 #include <string_view>
+#include <utility>
 
 namespace Vantor::Sentrix {
 
@@ -293,7 +294,8 @@ void BaseMessageClient::Enqueue(SharedBytes frame) {
         return;
     }
     if (waiting.empty() || waiting.back().frame.storage || waiting.back().joined.size() + length > kTransferBytes) {
-        waiting.emplace();
+        waiting.push({{}, std::exchange(m_spareJoined, {})});
+        waiting.back().joined.reserve(kTransferBytes);
     }
     waiting.back().joined += frame.bytes;
 }
@@ -329,6 +331,10 @@ bool BaseMessageClient::WriteChunk(bool& written) {
 
 void BaseMessageClient::EndWritten() {
     if (m_sendRestOffset == m_sendRest.Bytes().size()) {
+        if (m_sendRest.joined.capacity() >= kTransferBytes) {
+            m_spareJoined = std::move(m_sendRest.joined); // for the next rush
+            m_spareJoined.clear();
+        }
         m_sendRest = {};
         m_sendRestOffset = 0;
     }
