@@ -3,23 +3,20 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <climits>
 #include <cstring>
-#include <latch>
 #include <random>
 #include <thread>
 
+using namespace std::string_literals;
 using namespace Vantor::Sentrix;
 
 namespace {
 
 using Strings = std::vector<std::string>;
-
-template <std::size_t N> std::string Bytes(const char (&literal)[N]) {
-    return std::string(literal, N - 1);
-}
 
 // A stream over exactly these bytes, in a block of their own.
 struct Block {
@@ -45,12 +42,11 @@ struct Decoder {
     }
     template <class T> int Read(T& value) {
         int moved;
-        std::uint64_t bits = 0;
-        for (std::size_t i = 0; const char byte : Cut(sizeof value, moved)) {
-            bits |= std::uint64_t{static_cast<unsigned char>(byte)} << 8 * (big ? sizeof value - 1 - i : i);
-            ++i;
+        std::string bytes = Cut(sizeof value, moved);
+        if (big) {
+            std::reverse(bytes.begin(), bytes.end());
         }
-        std::memcpy(&value, &bits, sizeof value);
+        std::memcpy(&value, bytes.data(), sizeof value);
         return moved;
     }
     int Read(std::string& text) {
@@ -73,12 +69,7 @@ struct Decoder {
 template <class T> void Compare(Decoder& model, DataStream& stream, int (DataStream::*read)(T&)) {
     T value{}, expected{};
     EXPECT_EQ((stream.*read)(value), model.Read(expected));
-    if constexpr (std::is_floating_point_v<T>) { // by their bytes: some are no numbers
-        using Image = std::array<char, sizeof(T)>;
-        EXPECT_EQ(std::bit_cast<Image>(value), std::bit_cast<Image>(expected));
-    } else {
-        EXPECT_EQ(value, expected);
-    }
+    EXPECT_TRUE(value == expected || (value != value && expected != expected)); // some are no numbers
 }
 
 TEST(DataStreamTest, DecodesWhateverComesAsDescribed) {
@@ -88,8 +79,7 @@ TEST(DataStreamTest, DecodesWhateverComesAsDescribed) {
         SCOPED_TRACE(round);
         std::string bytes(random() % 200, '\0');
         for (char& byte : bytes) {
-            const auto kind = random() % 16;
-            byte = static_cast<char>(kind == 0 ? random() : kind < 6 ? random() % 12 : 0);
+            byte = static_cast<char>(random() % 3 > 0 ? 0 : random() % (random() % 5 > 0 ? 12 : 256));
         }
         Decoder model{bytes, round % 2 == 1};
         Block in(bytes, true, model.big);
@@ -115,24 +105,22 @@ TEST(DataStreamTest, WritesTheseBytesAndSizesThem) {
     } cases[] = {
         {[](auto& s) { return s.WriteInt8('\n'); }, "\n", "\n"},
         {[](auto& s) { return s.WriteInt16(-2); }, "\xFE\xFF", "\xFF\xFE"},
-        {[](auto& s) { return s.WriteInt32(1); }, Bytes("\1\0\0\0"), Bytes("\0\0\0\1")},
+        {[](auto& s) { return s.WriteInt32(1); }, "\1\0\0\0"s, "\0\0\0\1"s},
         {[](auto& s) { return s.WriteInt64(0x0102030405060708); }, "\x08\7\6\5\4\3\2\1", "\1\2\3\4\5\6\7\x08"},
-        {[](auto& s) { return s.WriteFloat(1.5F); }, Bytes("\0\0\xC0\x3F"), Bytes("\x3F\xC0\0\0")},
-        {[](auto& s) { return s.WriteDouble(-2); }, Bytes("\0\0\0\0\0\0\0\xC0"), Bytes("\xC0\0\0\0\0\0\0\0")},
-        {[](auto& s) { return s.WriteString("abc"); }, Bytes("\3\0abc"), Bytes("\0\3abc")},
+        {[](auto& s) { return s.WriteFloat(1.5F); }, "\0\0\xC0\x3F"s, "\x3F\xC0\0\0"s},
+        {[](auto& s) { return s.WriteDouble(-2); }, "\0\0\0\0\0\0\0\xC0"s, "\xC0\0\0\0\0\0\0\0"s},
+        {[](auto& s) { return s.WriteString("abc"); }, "\3\0abc"s, "\0\3abc"s},
         {[](auto& s) { return s.WriteLine("abc"); }, "abc\n", "abc\n"},
-        {[](auto& s) { return s.WriteUtf8StringArray(Strings(2)); }, Bytes("\2\0\0\0\0\0\0\0"),
-         Bytes("\0\0\0\2\0\0\0\0")},
+        {[](auto& s) { return s.WriteUtf8StringArray(Strings(2)); }, "\2\0\0\0\0\0\0\0"s, "\0\0\0\2\0\0\0\0"s},
     };
     for (const auto& [write, plain, swapped] : cases) {
         const int size = static_cast<int>(plain.size());
-        Block out(plain + '?', false, true);
-        EXPECT_EQ(write(out.stream), size);
-        EXPECT_EQ(out.Text(), swapped + '?');
-        Block full(std::string(plain.size(), '?'), false);
-        EXPECT_EQ(write(full.stream), size);
-        write(full.stream); // finds no room
-        EXPECT_EQ(full.Text(), plain);
+        for (const bool swap : {false, true}) {
+            Block out(std::string(plain.size(), '?'), false, swap);
+            EXPECT_EQ(write(out.stream), size);
+            write(out.stream); // finds no room
+            EXPECT_EQ(out.Text(), swap ? swapped : plain);
+        }
         IpcBufferBuild dry(nullptr, 0, false);
         DataStream measuring(&dry, false);
         EXPECT_EQ(write(measuring) + write(measuring), 2 * size);
@@ -144,16 +132,20 @@ TEST(DataStreamTest, ChannelsKeepToTheirBufferAndDirection) {
     IpcBufferBuild in(buffer, 4, true), out(buffer, 4, false);
     EXPECT_EQ(in.Read(target, 1), 1);
     IpcBufferBuild copy(in);
-    for (const unsigned int length : {4U, 5U, UINT_MAX - 1, UINT_MAX}) {
-        EXPECT_EQ(in.Read(target, length), -1) << length;
+    for (const int refused :
+         {in.Read(target, 4), in.Read(target, UINT_MAX), out.Read(target, 1), copy.Write("x", 1), out.Write(nullptr, 1),
+          out.Write("abcde", 5), IpcBufferBuild(nullptr, 4, true).Read(target, 1)}) {
+        EXPECT_EQ(refused, -1);
     }
     EXPECT_EQ(in.Read(nullptr, 100) + in.Read(target + 1, 3) + copy.Read(target + 4, 1), 104);
     EXPECT_STREQ(target, "12342.") << "the copy from its own place";
-    for (const int refused : {out.Read(target, 1), copy.Write("x", 1), out.Write(nullptr, 1), out.Write("abcde", 5)}) {
-        EXPECT_EQ(refused, -1);
-    }
-    EXPECT_EQ(IpcBufferBuild(nullptr, 4, true).Read(target, 1), -1);
     EXPECT_STREQ(buffer, "123456");
+
+    DataStream none(nullptr, true);
+    int number = 7;
+    EXPECT_EQ(none.ReadInt32(number) + none.WriteInt32(1), 0);
+    EXPECT_EQ(number, 7);
+    EXPECT_EQ(none.WriteString("abc") + none.WriteLine("abc"), 2 + 4);
 }
 
 TEST(DataStreamTest, StringsAndArraysAtTheirLimits) {
@@ -163,10 +155,7 @@ TEST(DataStreamTest, StringsAndArraysAtTheirLimits) {
     EXPECT_EQ(out.stream.WriteString(longest + 'x'), -1);
     EXPECT_EQ(out.stream.WriteString(longest), 32769);
     EXPECT_EQ(out.stream.WriteString("abc"), 1) << "room for the length alone";
-    EXPECT_EQ(out.Text(), "\xFF\x7F" + longest + Bytes("\3\0"));
-    Block in(out.Text() + "ab", true);
-    EXPECT_EQ(in.stream.ReadString(), longest);
-    EXPECT_EQ(in.stream.ReadString(), Bytes("\0\0\0")) << "nothing of the earlier string";
+    EXPECT_EQ(out.Text(), "\xFF\x7F" + longest + "\3\0"s);
 
     Block array(std::string(4 + 3 * 5001, '?'), false);
     EXPECT_EQ(array.stream.WriteUtf8StringArray(Strings(5001, "s")), 4 + 3 * 5001);
@@ -174,30 +163,19 @@ TEST(DataStreamTest, StringsAndArraysAtTheirLimits) {
     Strings read;
     EXPECT_EQ(tooMany.stream.ReadUtf8StringArray(read), 5001);
     EXPECT_EQ(log.Errors("readPrimitiveTypes int32_t :5001"), 1);
-    EXPECT_EQ(tooMany.stream.ReadString(), "s") << "nothing more was read";
     EXPECT_EQ(most.stream.ReadUtf8StringArray(read), 4 + 3 * 5000);
     EXPECT_EQ(read, Strings(5000, "s"));
     EXPECT_EQ(log.Take().size(), 1U);
-}
-
-TEST(DataStreamTest, WithoutAChannel) {
-    DataStream stream(nullptr, true);
-    int number = 7;
-    std::string text = "old";
-    EXPECT_EQ(stream.ReadInt32(number) + stream.ReadString(text) + stream.WriteInt32(1), 0);
-    EXPECT_EQ(std::tuple(number, text), std::tuple(7, ""));
-    EXPECT_EQ(stream.WriteString("abc") + stream.WriteLine("abc"), 2 + 4);
 }
 
 TEST(DataStreamTest, PackagesMoveAndComeBack) {
     static_assert(!std::is_copy_constructible_v<NxIpcPackage> && !std::is_copy_assignable_v<NxIpcPackage>);
     Block block(std::string(13, '?'), false);
     NxIpcPackage first(&block.channel);
-    EXPECT_EQ(first.PacketInt(1), 4);
     NxIpcPackage package(std::move(first));
     EXPECT_EQ(first.PacketUInt(1) + first.PacketString("x"), 0); // NOLINT(bugprone-use-after-move)
-    EXPECT_EQ(package.PacketString("abc") + package.PacketUInt(0xFFFFFFFE), 9);
-    EXPECT_EQ(block.Text(), Bytes("\1\0\0\0\3\0abc\xFE\xFF\xFF\xFF"));
+    EXPECT_EQ(package.PacketInt(1) + package.PacketString("abc") + package.PacketUInt(0xFFFFFFFE), 13);
+    EXPECT_EQ(block.Text(), "\1\0\0\0\3\0abc\xFE\xFF\xFF\xFF"s);
     block.channel = IpcBufferBuild(block.bytes.data(), 13, true);
     int number = 0;
     unsigned int large = 0;
@@ -206,43 +184,37 @@ TEST(DataStreamTest, PackagesMoveAndComeBack) {
     EXPECT_EQ(std::tuple(number, text, large), std::tuple(1, "abc", 0xFFFFFFFE));
 }
 
-// Every thread has a string of its own to read.
-struct ChannelOfThreads : IOChannel {
-    static inline thread_local short mine = 0;
+// Every string in it is 0x1111 bytes of 0x11, whoever reads it.
+struct EndlessChannel : IOChannel {
     int Read(char* buffer, unsigned int length) override {
-        length == sizeof mine ? std::memcpy(buffer, &mine, length) : std::memset(buffer, mine % 128, length);
+        std::memset(buffer, 0x11, length);
         return static_cast<int>(length);
     }
     int Write(const char* /*buffer*/, unsigned int /*length*/) override { return -1; }
 };
 
 TEST(DataStreamTest, ThreadsReadStringsThroughOneStream) {
-    ChannelOfThreads channel;
+    EndlessChannel channel;
     DataStream stream(&channel, false);
-    std::latch start(2);
-    const auto read = [&](short mine) {
-        ChannelOfThreads::mine = mine;
-        start.arrive_and_wait();
+    const auto read = [&] {
         for (int i = 0; i < 3000; ++i) {
-            ASSERT_EQ(stream.ReadString(), std::string(static_cast<std::size_t>(mine), static_cast<char>(mine % 128)));
+            ASSERT_EQ(stream.ReadString(), std::string(0x1111, '\x11'));
         }
     };
-    std::thread other(read, short{30001});
-    read(3001);
+    std::thread other(read);
+    read();
     other.join();
 }
 
-// The places of virtual operations, in the C++ ABI of every system that runs the tests.
-template <class... Operations> auto Places(Operations... operations) {
-    return std::vector{std::bit_cast<std::array<std::size_t, 2>>(operations)[0] / sizeof(void*)...};
-}
-
+// In the C++ ABI of every system that runs the tests, where the destructor has the first two places.
 TEST(DataStreamTest, OperationsKeepTheirOrder) {
     using S = IOStream;
-    const std::vector<std::size_t> expected{2, 17, 18, 19, 20, 25, 26, 28, 30, 31}; // behind the two of the destructor
-    EXPECT_EQ(Places(&S::Read, &S::ReadUtf8StringArray, &S::ReadLine, &S::Write, &S::WriteInt32, &S::WriteInt64,
+    const auto places = [](auto... operations) {
+        return std::vector{std::bit_cast<std::array<std::size_t, 2>>(operations)[0] / sizeof(void*)...};
+    };
+    EXPECT_EQ(places(&S::Read, &S::ReadUtf8StringArray, &S::ReadLine, &S::Write, &S::WriteInt32, &S::WriteInt64,
                      &S::WriteString, &S::WriteLine, &S::SetSwapBytes, &S::Flush),
-              expected);
+              (std::vector<std::size_t>{2, 17, 18, 19, 20, 25, 26, 28, 30, 31}));
 }
 
 } // namespace

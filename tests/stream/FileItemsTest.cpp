@@ -6,16 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <memory>
-#include <string>
-#include <vector>
+#include <sstream>
 
-namespace Vantor::Sentrix {
+using namespace Vantor::Sentrix;
+
 namespace {
-
-namespace fs = std::filesystem;
 
 std::string Bytes(auto&& item) {
     MemoryrStream stream;
@@ -23,11 +19,11 @@ std::string Bytes(auto&& item) {
     return stream.ToString();
 }
 
-std::string Text(const char* hex) {
+std::string Text(const std::string& hex) {
     std::string bytes;
-    for (const char* at = hex; *at != '\0'; at += 2) {
-        bytes += static_cast<char>(std::stoi(std::string(at, 2), nullptr, 16));
-        at += at[2] == ' ' ? 1 : 0;
+    std::istringstream digits(hex);
+    for (char high, low; digits >> high >> low;) {
+        bytes += static_cast<char>(std::stoi(std::string{high, low}, nullptr, 16));
     }
     return bytes;
 }
@@ -50,10 +46,9 @@ SimpleFileItem Sample() {
 
 // Takes the items over.
 std::vector<std::unique_ptr<BaseItem>> Read(Stream& stream) {
-    SimpleFileItem before;
-    std::vector<BaseItem*> items{&before};
+    std::vector<BaseItem*> items{nullptr};
     ReadItems(items, &stream);
-    EXPECT_EQ(items.front(), &before) << "items are appended";
+    EXPECT_EQ(items.front(), nullptr) << "items are appended";
     return {items.begin() + 1, items.end()};
 }
 
@@ -67,41 +62,10 @@ TEST(FileItemsTest, AnItemHasItsFieldsInOrder) {
     EXPECT_EQ(Bytes(other), std::string(60, '\0'));
     other.Assign(&item);
     EXPECT_EQ(Bytes(other), Bytes(item));
-    other.Assign(&other);
-    EXPECT_EQ(Bytes(other), Bytes(item));
-    const LogCapture quiet;
-    MemoryrStream bools(Text("00000100").c_str(), 4);
-    bools.SetPosition(0);
-    other.Deserialize(&bools);
-    EXPECT_EQ(Bytes(other).substr(0, 8), Text("00000001 00000000")) << "true is whatever is not 0";
-}
-
-TEST(FileItemsTest, AnItemOfARealFileComesBackThroughAFile) {
-    const fs::path folder = fs::temp_directory_path() / ("veyra-items-" + std::to_string(GetCurrentProcessId()));
-    fs::create_directory(folder);
-    const fs::path described = folder / u8"r\u00e9sum\u00e9 \u4e2d";
-    std::ofstream(described, std::ios::binary) << std::string(70000, 'x');
-    const auto written = static_cast<std::uint64_t>(fs::last_write_time(described).time_since_epoch().count());
-    SimpleFileItem item;
-    item.m_name = L"r\u00e9sum\u00e9 \u4e2d";
-    item.m_path = folder.wstring() + L"/" + item.m_name;
-    item.m_size = fs::file_size(described);
-    item.m_lastWriteTime = {static_cast<DWORD>(written), static_cast<DWORD>(written >> 32)};
-    const std::wstring list = (folder / "list").wstring();
-    {
-        FileStream stream(list, FileStream::kCreate);
-        StreamWriter(&stream).Write(2);
-        item.Serialize(&stream);
-        Sample().Serialize(&stream);
-        stream.SetPosition(0);
-        const auto items = Read(stream);
-        ASSERT_EQ(items.size(), 2U);
-        EXPECT_EQ(Bytes(*items[0]), Bytes(item));
-        EXPECT_EQ(Bytes(*items[1]), Bytes(Sample()));
-        const auto& back = dynamic_cast<const SimpleFileItem&>(*items[0]);
-        EXPECT_EQ(FileStream(back.m_path, FileStream::kRead).GetSize(), 70000) << "it still leads to the file";
-    }
-    fs::remove_all(folder);
+    MemoryrStream stream(Bytes(item).replace(2, 1, "x").c_str(), 70);
+    stream.SetPosition(0);
+    other.Deserialize(&stream);
+    EXPECT_EQ(Bytes(other).substr(0, 4), Text("00000001")) << "true is whatever is not 0";
 }
 
 // Lists that announce more than there is, and break off at every byte.
@@ -118,16 +82,9 @@ TEST(FileItemsTest, AListThatLiesEndsWithItsLastWholeItem) {
             const auto items = Read(stream);
             ASSERT_EQ(items.size(), std::min(there, announced)) << count << ", " << length << " bytes";
             EXPECT_TRUE(items.empty() || Bytes(*items.back()) == one);
-            const bool ends = length < 4 || there < announced;
-            EXPECT_EQ(log.Errors("read buffer error!"), ends ? 1 : 0) << length;
-            EXPECT_EQ(log.Take().size(), ends ? 1U : 0U);
+            EXPECT_EQ(log.Take().size(), length < 4 || there < announced ? 1U : 0U) << "one line tells of the end";
         }
     }
-    const LogCapture quiet;
-    MemoryrStream huge(Text("ffffffff 00000001 7ffffffe 00780078").c_str(), 16);
-    huge.SetPosition(0);
-    EXPECT_TRUE(Read(huge).empty()) << "a name of two gigabytes that is not there";
 }
 
 } // namespace
-} // namespace Vantor::Sentrix

@@ -146,7 +146,7 @@ void IPCMessageClient::RunJob(const Job& job) noexcept {
         if (job.kind == JobKind::Message) {
             job.client->OnRecvIPCMessage(job.packet);
         } else {
-            job.client->OnRecvPublishIPCMessage(job.packet);
+            job.client->OnRecvPublishIPCMessage(std::make_shared<BasePacket>(*job.packet)); // Bregister may rewrite it
         }
     } catch (const std::exception& exception) {
         LOG_ERROR("ipc message callback threw. messageid=" << job.packet->GetMsgId() << ", what=" << exception.what());
@@ -179,9 +179,9 @@ IPCMessageClient::IPCMessageClient(int moduleId, bool /*unused*/, bool forwardPo
             QueueJob(JobKind::Message, std::move(packet));
         }
     });
-    engine.RegisterPublishHandler(this, Unsigned(moduleId), [this](const std::shared_ptr<BasePacket>& packet) {
+    engine.RegisterPublishHandler(this, Unsigned(moduleId), [this](std::shared_ptr<BasePacket> packet) {
         if (packet && m_hasPublishCallback) {
-            QueueJob(JobKind::Publication, std::make_shared<BasePacket>(*packet)); // Bregister may rewrite its own
+            QueueJob(JobKind::Publication, std::move(packet));
         }
     });
 }
