@@ -6,8 +6,6 @@
 #include "veyrasvc/platform/posix/OpenSsl.h"
 #include "veyrasvc/platform/posix/Win32Subset.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -60,14 +58,15 @@ template <class T> T* As(void* handle, std::uint32_t mark) {
 const EVP_CIPHER* CipherFor(ULONG keySize) {
     struct Ciphers {
         Ciphers() {
-            PrepareOpenSsl();
-            aes128 = EVP_CIPHER_fetch(nullptr, "AES-128-CBC", nullptr);
-            aes192 = EVP_CIPHER_fetch(nullptr, "AES-192-CBC", nullptr);
-            aes256 = EVP_CIPHER_fetch(nullptr, "AES-256-CBC", nullptr);
+            if (const OpenSsl* const ssl = OpenSsl::Load()) {
+                aes128 = ssl->EVP_CIPHER_fetch(nullptr, "AES-128-CBC", nullptr);
+                aes192 = ssl->EVP_CIPHER_fetch(nullptr, "AES-192-CBC", nullptr);
+                aes256 = ssl->EVP_CIPHER_fetch(nullptr, "AES-256-CBC", nullptr);
+            }
         }
-        const EVP_CIPHER* aes128;
-        const EVP_CIPHER* aes192;
-        const EVP_CIPHER* aes256;
+        const EVP_CIPHER* aes128 = nullptr;
+        const EVP_CIPHER* aes192 = nullptr;
+        const EVP_CIPHER* aes256 = nullptr;
     };
     static const auto* const ciphers = new Ciphers;
     switch (keySize) {
@@ -84,8 +83,8 @@ const EVP_CIPHER* CipherFor(ULONG keySize) {
 
 class Context {
 public:
-    Context() : m_context(EVP_CIPHER_CTX_new()) {}
-    ~Context() { EVP_CIPHER_CTX_free(m_context); }
+    Context() : m_context(m_ssl.EVP_CIPHER_CTX_new()) {}
+    ~Context() { m_ssl.EVP_CIPHER_CTX_free(m_context); }
     Context(const Context&) = delete;
     Context& operator=(const Context&) = delete;
 
@@ -97,7 +96,7 @@ public:
         for (ULONG done = 0; done < size;) {
             const ULONG piece = std::min(size - done, kChunk);
             int written = 0;
-            if (EVP_CipherUpdate(m_context, out + done, &written, in + done, static_cast<int>(piece)) != 1 ||
+            if (m_ssl.EVP_CipherUpdate(m_context, out + done, &written, in + done, static_cast<int>(piece)) != 1 ||
                 static_cast<ULONG>(written) != piece) {
                 return false;
             }
@@ -110,15 +109,16 @@ private:
     bool SetUp(const Key& key, Direction direction, const unsigned char* iv) {
         const bool isKnown = m_keyNumber == key.number;
         m_keyNumber = 0; // until the set-up has succeeded
-        const int done = isKnown ? EVP_CipherInit_ex(m_context, nullptr, nullptr, nullptr, iv, direction)
-                                 : EVP_CipherInit_ex(m_context, key.cipher, nullptr, key.bytes, iv, direction);
-        if (done != 1 || EVP_CIPHER_CTX_set_padding(m_context, 0) != 1) {
+        const int done = isKnown ? m_ssl.EVP_CipherInit_ex(m_context, nullptr, nullptr, nullptr, iv, direction)
+                                 : m_ssl.EVP_CipherInit_ex(m_context, key.cipher, nullptr, key.bytes, iv, direction);
+        if (done != 1 || m_ssl.EVP_CIPHER_CTX_set_padding(m_context, 0) != 1) {
             return false;
         }
         m_keyNumber = key.number;
         return true;
     }
 
+    const OpenSsl& m_ssl = *OpenSsl::Load(); // there is a key, so it is loaded
     EVP_CIPHER_CTX* const m_context;
     std::uint64_t m_keyNumber = 0;
 };
@@ -241,7 +241,7 @@ NTSTATUS BCryptDestroyKey(BCRYPT_KEY_HANDLE handle) {
     if (key == nullptr) {
         return kInvalidHandle;
     }
-    OPENSSL_cleanse(key, sizeof *key);
+    OpenSsl::Load()->OPENSSL_cleanse(key, sizeof *key);
     delete key;
     return kSuccess;
 }

@@ -6,8 +6,6 @@
 #include "veyrasvc/platform/posix/Handle.h"
 #include "veyrasvc/platform/posix/OpenSsl.h"
 
-#include <openssl/evp.h>
-
 #include <cstring>
 #include <memory>
 #include <new>
@@ -20,16 +18,16 @@ struct Digest {
     ALG_ID id;
     bool inFull; // whether PROV_RSA_FULL knows it; PROV_RSA_AES knows them all
     const char* name;
-    const EVP_MD* method; // null when the installed OpenSSL is not allowed to compute it
+    const EVP_MD* method; // null when there is no OpenSSL, or it is not allowed to compute it
 };
 
 // Fetched once: a look-up by name costs more than a short message. Never freed.
 const Digest* FindDigest(HCRYPTPROV provider, ALG_ID id) {
     struct Table {
         Table() {
-            PrepareOpenSsl();
+            const OpenSsl* const ssl = OpenSsl::Load();
             for (Digest& digest : digests) {
-                digest.method = EVP_MD_fetch(nullptr, digest.name, nullptr);
+                digest.method = ssl == nullptr ? nullptr : ssl->EVP_MD_fetch(nullptr, digest.name, nullptr);
             }
         }
         Digest digests[5] = {{CALG_MD5, true, "MD5", nullptr},
@@ -48,7 +46,7 @@ const Digest* FindDigest(HCRYPTPROV provider, ALG_ID id) {
 }
 
 struct FreeContext {
-    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+    void operator()(EVP_MD_CTX* context) const { OpenSsl::Load()->EVP_MD_CTX_free(context); }
 };
 using Context = std::unique_ptr<EVP_MD_CTX, FreeContext>;
 
@@ -71,7 +69,7 @@ Hash* FindHash(HCRYPTHASH handle) {
 }
 
 bool Finish(Hash& hash) {
-    if (hash.context && EVP_DigestFinal_ex(hash.context.get(), hash.value, &hash.length) != 1) {
+    if (hash.context && OpenSsl::Load()->EVP_DigestFinal_ex(hash.context.get(), hash.value, &hash.length) != 1) {
         return false;
     }
     hash.context.reset();
@@ -90,9 +88,10 @@ BOOL CryptCreateHash(HCRYPTPROV provider, ALG_ID algorithm, HCRYPTKEY key, DWORD
     }
     std::unique_ptr<Hash> made(new (std::nothrow) Hash);
     if (made) {
-        made->context.reset(EVP_MD_CTX_new());
+        made->context.reset(OpenSsl::Load()->EVP_MD_CTX_new());
     }
-    if (!made || !made->context || EVP_DigestInit_ex(made->context.get(), digest->method, nullptr) != 1) {
+    if (!made || !made->context ||
+        OpenSsl::Load()->EVP_DigestInit_ex(made->context.get(), digest->method, nullptr) != 1) {
         return Fail(ERROR_NOT_ENOUGH_MEMORY);
     }
     *hash = reinterpret_cast<HCRYPTHASH>(made.release());
@@ -110,7 +109,7 @@ BOOL CryptHashData(HCRYPTHASH handle, const BYTE* data, DWORD length, DWORD flag
     if (!hash->context) {
         return Fail(static_cast<DWORD>(NTE_BAD_HASH_STATE));
     }
-    return EVP_DigestUpdate(hash->context.get(), data, length) == 1 ? TRUE : Fail(ERROR_GEN_FAILURE);
+    return OpenSsl::Load()->EVP_DigestUpdate(hash->context.get(), data, length) == 1 ? TRUE : Fail(ERROR_GEN_FAILURE);
 }
 
 BOOL CryptGetHashParam(HCRYPTHASH handle, DWORD parameter, BYTE* data, DWORD* length, DWORD flags) {

@@ -6,7 +6,6 @@
 
 #include <fcntl.h>
 #include <limits.h>
-#include <openssl/evp.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/random.h>
@@ -79,11 +78,14 @@ std::string PercentEncoded(const std::string& text) {
     return encoded;
 }
 
+// Empty when there is nothing to compute it with.
 std::string Sha256Hex(const std::string& text) {
-    PrepareOpenSsl();
     unsigned char digest[EVP_MAX_MD_SIZE];
     std::size_t size = 0;
-    EVP_Q_digest(nullptr, "SHA256", nullptr, text.data(), text.size(), digest, &size);
+    const OpenSsl* const ssl = OpenSsl::Load();
+    if (ssl == nullptr || ssl->EVP_Q_digest(nullptr, "SHA256", nullptr, text.data(), text.size(), digest, &size) != 1) {
+        return {};
+    }
     return PercentEncoded(std::string(reinterpret_cast<const char*>(digest), size));
 }
 
@@ -102,8 +104,11 @@ bool InitRobustMutex(pthread_mutex_t* mutex, int shared) {
 
 std::string MutexFile::PathFor(const std::string& name) {
     const std::string file = "veyrasvc." + PercentEncoded(PipeNamespace()) + "." + PercentEncoded(name);
-    // '#' never stands in an encoded name, so a hash is never taken for one.
-    return kFolder + (file.size() <= NAME_MAX ? file : "veyrasvc.#" + Sha256Hex(file));
+    if (file.size() <= NAME_MAX) {
+        return kFolder + file;
+    }
+    const std::string hash = Sha256Hex(file);
+    return hash.empty() ? "" : kFolder + ("veyrasvc.#" + hash); // no name has a '#', so none is taken for a hash
 }
 
 std::unique_ptr<MutexFile> MutexFile::Open(const std::string& path, Mode mode, bool& created) {

@@ -41,7 +41,7 @@ public:
 
     pthread_mutex_t* Mutex() { return &m_shared->mutex; }
 
-    // The file for a name; names that differ give files that differ.
+    // The file for a name; names that differ give files that differ. Empty for a long one without OpenSSL to shorten it.
     static std::string PathFor(const std::string& name);
 
 private:
