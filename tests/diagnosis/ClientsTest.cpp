@@ -21,9 +21,8 @@ constexpr int kScript = 1;  // "ID ANSWER": from now on the answer under that id
 constexpr int kRequest = 2; // "ID": asks for the oldest such request, as Request() writes it, when there is one
 const std::string kNul(1, '\0');
 
-std::string Request(int id, int answerId, const std::string& text) {
-    const std::string numbers = std::to_string(id) + " " + std::to_string(answerId) + " ";
-    return numbers + std::to_string(text.size() + 1) + " " + text + kNul;
+std::string Request(int answerId, const std::string& text) {
+    return std::to_string(answerId) + " " + text + kNul;
 }
 
 // ---- The service ---------------------------------------------------------------------------------------------------
@@ -49,8 +48,7 @@ private:
     // Callbacks run at the same time.
     void Serve(const TagIPCMessageItem& item) {
         const std::lock_guard guard(m_mutex);
-        const std::string numbers = std::to_string(item.msgId) + " " + std::to_string(item.replyMsgId) + " ";
-        m_requests[item.msgId - kDiagnosis].Put(numbers + std::to_string(item.dataLen) + " " + BodyOf(item));
+        m_requests[item.msgId - kDiagnosis].Put(std::to_string(item.replyMsgId) + " " + BodyOf(item));
         const auto answer = m_answers.find(item.replyMsgId);
         if (answer == m_answers.end()) {
             return;
@@ -138,19 +136,19 @@ TEST_F(ClientsTest, QueriesSendTheirRecordAndReadTheAnswer) {
         Script(0x820001, answer);
         EXPECT_EQ(client.GetSdkVersion(), version);
         EXPECT_EQ(log.Errors("SendIPCMessage fail."), answer.empty());
-        EXPECT_EQ(NextRequest(0x820001), Request(0x820001, 0x820001, ""));
+        EXPECT_EQ(NextRequest(0x820001), Request(0x820001, ""));
     }
     Script(0x820010, R"({"Events":[]})" + kNul);
     EXPECT_EQ(client.GetFaultInfobyId(-1, 1LL << 40, -2, "", "p\"\xc3\xa9"), R"({"Events":[]})");
     const char* query = R"({"EndTime":-2,"EventId":-1,"EventProvider":"p\"\u00e9","EventType":"","StartTime":)";
-    EXPECT_EQ(NextRequest(0x820010), Request(0x820010, 0x820010, query + std::string("1099511627776}")));
+    EXPECT_EQ(NextRequest(0x820010), Request(0x820010, query + std::string("1099511627776}")));
     EXPECT_EQ(log.Count(log4cplus::DEBUG_LOG_LEVEL, "GetFaultInfobyId result:{\"Events\":[]}"), 1);
 
     for (const auto& [answer, result] : {std::pair("  0", 0), {"0x", 0}, {"5", -1}, {"-1", -1}}) {
         Script(0x820006, answer + kNul);
         Script(0x820009, answer + kNul);
         EXPECT_EQ(client.CancelDetection(m_device), result) << answer;
-        EXPECT_EQ(NextRequest(0x820006), Request(0x820006, 0x820006, s_deviceText));
+        EXPECT_EQ(NextRequest(0x820006), Request(0x820006, s_deviceText));
         EXPECT_EQ(client.CancelRepair(m_device), result) << answer;
     }
     Script(0x820006, "none" + kNul);
@@ -159,28 +157,36 @@ TEST_F(ClientsTest, QueriesSendTheirRecordAndReadTheAnswer) {
     EXPECT_THROW(client.CancelDetection(m_device), std::out_of_range);
 }
 
+std::string JsonWarning(LogCapture& log) { // without the parser's own words
+    for (const auto& [level, line] : log.Take()) {
+        if (level >= log4cplus::WARN_LOG_LEVEL && (line.rfind("jsonStr[", 0) == 0 || line.rfind("Null ", 0) == 0)) {
+            return line.substr(0, line.find(" err. "));
+        }
+    }
+    return "";
+}
+
 TEST_F(ClientsTest, CapabilitiesAreReadFromWhateverJsonComes) {
     using Names = std::list<std::string>;
     const struct {
         const char* answer;
         Names names;
-        std::pair<log4cplus::LogLevel, const char*> warning;
+        std::string warning;
     } cases[] = {
-        {R"({"DetectCapability":["a","b",3]})", {"a", "b", "3"}, {}},
-        {R"({"RepairCapability":["a"]})", {}, {}},
-        {R"({"DetectCapability":"a"})", {}, {}},
-        {"null", {}, {log4cplus::WARN_LOG_LEVEL, "Null Json Value."}},
-        {"{", {}, {log4cplus::ERROR_LOG_LEVEL, "jsonStr[{] err. "}},
-        {"", {}, {log4cplus::ERROR_LOG_LEVEL, "jsonStr[] err. "}},
+        {R"({"DetectCapability":["a","b",3]})", {"a", "b", "3"}, ""},
+        {R"({"RepairCapability":["a"]})", {}, ""},
+        {R"({"DetectCapability":"a"})", {}, ""},
+        {"null", {}, "Null Json Value."},
+        {"{", {}, "jsonStr[{]"},
+        {"", {}, "jsonStr[]"},
     };
     DFSClient client(kOther);
     for (const auto& one : cases) {
         Script(0x820002, one.answer + kNul);
         LogCapture log;
         EXPECT_EQ(client.GetDetectCapability(m_device), one.names) << one.answer;
-        EXPECT_EQ(NextRequest(0x820002), Request(0x820002, 0x820002, s_deviceText));
-        for (const auto& [level, line] : log.Take()) {
-        }
+        EXPECT_EQ(NextRequest(0x820002), Request(0x820002, s_deviceText));
+        EXPECT_EQ(JsonWarning(log), one.warning) << one.answer;
     }
     for (const char* answer : {"[1]", R"({"DetectCapability":{"a":1}})", R"({"DetectCapability":[["a"]]})"}) {
         Script(0x820002, answer + kNul);
@@ -192,39 +198,39 @@ TEST_F(ClientsTest, CapabilitiesAreReadFromWhateverJsonComes) {
     EXPECT_EQ(client.GetRepairCapability(m_device), Names{}) << "megabytes of brackets";
 }
 
-TEST_F(ClientsTest, StartsArePostedAndTheirOutcomeReachesTheHook) {
+TEST_F(ClientsTest, StartsArePostedAndTheirOutcomeReachesTheHooks) {
     auto& outcomes = Watching::s_outcomes;
-    Watching client(kOther);
+    Script(0x820001, "1.2" + kNul);
     Script(0x820005, "found");
     Script(0x820008, "mended");
+    Role twin("twin", kOther); // the same module in another process
+    Watching client(kOther);
+    const Watching second(kMe + 2);
     const std::string device = R"({"DeviceInfo":)" + s_deviceText;
     EXPECT_EQ(client.StartDetection({"x", "y"}, 2, m_device), 0);
-    EXPECT_EQ(NextRequest(0x820004),
-              Request(0x820004, 0x820005, device + R"(,"OperationItems":["x","y"],"OperationScene":2})"));
+    EXPECT_EQ(NextRequest(0x820004), Request(0x820005, device + R"(,"OperationItems":["x","y"],"OperationScene":2})"));
     EXPECT_EQ(outcomes.Take(), "detection found");
     EXPECT_EQ(outcomes.Take(), "detection found") << "twice answered, twice told";
+    EXPECT_EQ(twin.AwaitExit(), 0) << "an outcome comes to every process of the module";
     EXPECT_EQ(client.StartRepair({}, 0, m_device), 0);
-    EXPECT_EQ(NextRequest(0x820007), Request(0x820007, 0x820008, device + R"(,"OperationScene":0})"));
+    EXPECT_EQ(NextRequest(0x820007), Request(0x820008, device + R"(,"OperationScene":0})"));
     EXPECT_EQ(outcomes.Take(), "repair mended");
     EXPECT_EQ(outcomes.Take(), "repair mended") << "although the hook threw";
     EXPECT_EQ(client.CancelNotify(""), 0);
-    EXPECT_EQ(NextRequest(0x82000b), Request(0x82000b, 0x82000b, ""));
+    EXPECT_EQ(NextRequest(0x82000b), Request(0x82000b, ""));
+    EXPECT_EQ(client.GetSdkVersion(), "1.2") << "the module lives on in this process";
+    EXPECT_TRUE(outcomes.IsEmpty()) << "nothing for the second client";
 }
 
-TEST_F(ClientsTest, SeveralClientsAndProcessesGetTheirOwnAnswers) {
-    Script(0x820001, "1.2" + kNul);
-    Script(0x820005, "found");
+TEST_F(ClientsTest, SeveralClientsAndThreadsGetTheirOwnAnswers) {
     Script(0x820010, "@");
-    Role twin("twin", kOther); // the same module in another process
-    Watching client(kOther);
-    Watching second(kMe + 2);
+    DFSClient clients[] = {DFSClient(kOther), DFSClient(kMe + 2)};
     std::vector<std::thread> threads;
     std::atomic<int> right{0};
     for (int t = 0; t < 8; ++t) { // requests that differ in nothing but their body
         threads.emplace_back([&, t] {
-            DFSClient& asking = t % 2 == 0 ? client : second;
             for (int id = 1000 + t * 100; id < 1020 + t * 100; ++id) {
-                const std::string answer = asking.GetFaultInfobyId(id, 0, 0, "", "");
+                const std::string answer = clients[t % 2].GetFaultInfobyId(id, 0, 0, "", "");
                 right += answer.find(std::to_string(id)) != std::string::npos;
             }
         });
@@ -233,12 +239,6 @@ TEST_F(ClientsTest, SeveralClientsAndProcessesGetTheirOwnAnswers) {
         thread.join();
     }
     EXPECT_EQ(right, 160);
-    EXPECT_EQ(client.StartDetection({}, 0, m_device), 0);
-    EXPECT_EQ(Watching::s_outcomes.Take(), "detection found");
-    EXPECT_EQ(Watching::s_outcomes.Take(), "detection found");
-    EXPECT_EQ(twin.AwaitExit(), 0) << "an outcome comes to every process of the module";
-    EXPECT_EQ(client.GetSdkVersion(), "1.2") << "and the module lives on in this one";
-    EXPECT_TRUE(Watching::s_outcomes.IsEmpty()) << "nothing for the second client";
 }
 
 TEST_F(ClientsTest, AServiceThatDiesEndsTheCallAtOnceAndOneThatIsSilentDoesNot) {
@@ -249,7 +249,7 @@ TEST_F(ClientsTest, AServiceThatDiesEndsTheCallAtOnceAndOneThatIsSilentDoesNot) 
         EXPECT_EQ(unanswered.CancelAnalysis(), -1);
         waits = false;
     });
-    EXPECT_EQ(NextRequest(0x82000f, kCrashDumps), Request(0x82000f, 0x82000f, ""));
+    EXPECT_EQ(NextRequest(0x82000f, kCrashDumps), Request(0x82000f, ""));
     DFSClient client(kOther);
     Script(0x820001, "!");
     EXPECT_EQ(client.GetSdkVersion(), "");
@@ -264,16 +264,15 @@ TEST_F(ClientsTest, CrashDumpHistory) {
     BSODClient client(kOther);
     std::list<std::string> dumps = {"x"};
     double status = 7;
-    Script(0x82000c, "null" + kNul, kCrashDumps);
-    client.GetBsodHistory(dumps, status);
-    EXPECT_EQ(status, 7);
-    Script(0x82000c, R"({"result_status":1,"minidump":["a","b"]})" + kNul, kCrashDumps);
-    client.GetBsodHistory(dumps, status);
-    EXPECT_EQ(dumps, (std::list<std::string>{"x", "a", "b"}));
-    EXPECT_EQ(status, 1);
-    EXPECT_EQ(NextRequest(0x82000c, kCrashDumps), Request(0x82000c, 0x82000c, ""));
+    for (const char* answer : {R"({"result_status":1,"minidump":["a","b"]})", "null"}) { // which changes nothing
+        Script(0x82000c, answer + kNul, kCrashDumps);
+        client.GetBsodHistory(dumps, status);
+        EXPECT_EQ(NextRequest(0x82000c, kCrashDumps), Request(0x82000c, ""));
+        EXPECT_EQ(dumps, (std::list<std::string>{"x", "a", "b"}));
+        EXPECT_EQ(status, 1);
+    }
     EXPECT_EQ(client.StartBsodAnalysis(), 0);
-    EXPECT_EQ(NextRequest(0x82000d, kCrashDumps), Request(0x82000d, 0x82000e, ""));
+    EXPECT_EQ(NextRequest(0x82000d, kCrashDumps), Request(0x82000e, ""));
 }
 
 // ---- The C interface -----------------------------------------------------------------------------------------------
@@ -284,7 +283,7 @@ TEST_F(ClientsTest, TheCInterfaceCutsAtItsLimitsAndRefusesNull) {
     CDiagnosisDeviceInfo device{};
     std::memset(device.deviceType, 'd', sizeof device.deviceType); // no NUL: it ends with its field
     const auto list = std::make_unique<CStringList>();
-    std::string many = R"({"DetectCapability":[)" + ('"' + std::string(300, 'a') + '"');
+    std::string many = R"({"DetectCapability":[)" + ('"' + std::string(198, 'a') + '"');
     for (int i = 0; i < 60; ++i) {
         many += ",\"" + std::string(197, 'a') + "\u00e9\"";
     }
@@ -312,24 +311,14 @@ TEST_F(ClientsTest, TheCInterfaceCutsAtItsLimitsAndRefusesNull) {
     }
 
     char* const out = text.data();
-    const int refused[] = {
-        CGetSdkVersion(nullptr, out),
-        CGetSdkVersion(client, nullptr),
-        CGetDetectCapability(client, nullptr, list.get()),
-        CGetDetectCapability(client, &device, nullptr),
-        CGetRepairCapability(client, nullptr, list.get()),
-        CGetRepairCapability(client, &device, nullptr),
-        CStartDetection(client, nullptr, 0, &device),
-        CStartDetection(client, list.get(), 0, nullptr),
-        CStartRepair(client, nullptr, 0, &device),
-        CStartRepair(client, list.get(), 0, nullptr),
-        CCancelDetection(client, nullptr),
-        CCancelRepair(client, nullptr),
-        CCancelNotify(nullptr, ""),
-        CGetFaultInfobyId(client, 0, 0, 0, nullptr, "", out),
-        CGetFaultInfobyId(client, 0, 0, 0, "", "", nullptr),
-    };
-    EXPECT_EQ(std::count(std::begin(refused), std::end(refused), -1), 15);
+    EXPECT_EQ(CGetSdkVersion(nullptr, out) + CGetSdkVersion(client, nullptr), -2);
+    EXPECT_EQ(CGetDetectCapability(client, nullptr, list.get()) + CGetDetectCapability(client, &device, nullptr), -2);
+    EXPECT_EQ(CGetRepairCapability(client, nullptr, list.get()) + CGetRepairCapability(client, &device, nullptr), -2);
+    EXPECT_EQ(CStartDetection(client, nullptr, 0, &device) + CStartDetection(client, list.get(), 0, nullptr), -2);
+    EXPECT_EQ(CStartRepair(client, nullptr, 0, &device) + CStartRepair(client, list.get(), 0, nullptr), -2);
+    EXPECT_EQ(CCancelDetection(client, nullptr) + CCancelRepair(client, nullptr) + CCancelNotify(nullptr, ""), -3);
+    EXPECT_EQ(CGetFaultInfobyId(client, 0, 0, 0, nullptr, "", out), -1);
+    EXPECT_EQ(CGetFaultInfobyId(client, 0, 0, 0, "", "", nullptr), -1);
     DFSClientDestroy(client);
     DFSClientDestroy(nullptr);
 }

@@ -6,11 +6,9 @@
 
 #include <string>
 #include <tuple>
-#include <utility>
 #include <vector>
 
-using namespace Vantor::Sentrix;
-
+namespace Vantor::Sentrix {
 namespace {
 
 using Bytes = std::vector<unsigned char>;
@@ -42,8 +40,7 @@ NTSTATUS Transform(decltype(&BCryptEncrypt) transform, Bytes keyBytes, Bytes& te
         status = transform(key, &text[from], size, nullptr, iv.data(), 16, &text[from], size, &written, 0);
         EXPECT_TRUE(status != 0 || written == size) << written;
     }
-    EXPECT_EQ(BCryptDestroyKey(key), 0);
-    EXPECT_EQ(BCryptCloseAlgorithmProvider(algorithm, 0), 0);
+    EXPECT_TRUE(BCryptDestroyKey(key) == 0 && BCryptCloseAlgorithmProvider(algorithm, 0) == 0);
     return status;
 }
 
@@ -99,10 +96,9 @@ TEST(CryptoTest, ProvidersHashWhatTheirTypeKnowsAndGiveRandomBytes) {
     };
     for (const DWORD type : {PROV_RSA_FULL, PROV_RSA_AES}) {
         HCRYPTPROV provider = 0;
-        const auto acquired = type == PROV_RSA_FULL
-                                  ? CryptAcquireContextW(&provider, nullptr, nullptr, type, CRYPT_VERIFYCONTEXT)
-                                  : CryptAcquireContextA(&provider, nullptr, nullptr, type, CRYPT_VERIFYCONTEXT);
-        ASSERT_TRUE(acquired);
+        ASSERT_TRUE(type == PROV_RSA_FULL
+                        ? CryptAcquireContextW(&provider, nullptr, nullptr, type, CRYPT_VERIFYCONTEXT)
+                        : CryptAcquireContextA(&provider, nullptr, nullptr, type, CRYPT_VERIFYCONTEXT));
         for (const auto& [algorithm, inFull, length, start] : cases) {
             SCOPED_TRACE(algorithm);
             HCRYPTHASH hash = 0;
@@ -123,3 +119,4 @@ TEST(CryptoTest, ProvidersHashWhatTheirTypeKnowsAndGiveRandomBytes) {
 }
 
 } // namespace
+} // namespace Vantor::Sentrix

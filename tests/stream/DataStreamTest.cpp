@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <climits>
 #include <cstring>
 #include <random>
 #include <thread>
@@ -133,7 +132,7 @@ TEST(DataStreamTest, ChannelsKeepToTheirBufferAndDirection) {
     EXPECT_EQ(in.Read(target, 1), 1);
     IpcBufferBuild copy(in);
     for (const int refused :
-         {in.Read(target, 4), in.Read(target, UINT_MAX), out.Read(target, 1), copy.Write("x", 1), out.Write(nullptr, 1),
+         {in.Read(target, 4), in.Read(target, ~0U), out.Read(target, 1), copy.Write("x", 1), out.Write(nullptr, 1),
           out.Write("abcde", 5), IpcBufferBuild(nullptr, 4, true).Read(target, 1)}) {
         EXPECT_EQ(refused, -1);
     }
@@ -149,7 +148,7 @@ TEST(DataStreamTest, ChannelsKeepToTheirBufferAndDirection) {
 }
 
 TEST(DataStreamTest, StringsAndArraysAtTheirLimits) {
-    LogCapture log;
+    const LogCapture log;
     const std::string longest(32767, 'l');
     Block out(std::string(32771, '?'), false);
     EXPECT_EQ(out.stream.WriteString(longest + 'x'), -1);
@@ -165,7 +164,6 @@ TEST(DataStreamTest, StringsAndArraysAtTheirLimits) {
     EXPECT_EQ(log.Errors("readPrimitiveTypes int32_t :5001"), 1);
     EXPECT_EQ(most.stream.ReadUtf8StringArray(read), 4 + 3 * 5000);
     EXPECT_EQ(read, Strings(5000, "s"));
-    EXPECT_EQ(log.Take().size(), 1U);
 }
 
 TEST(DataStreamTest, PackagesMoveAndComeBack) {
@@ -184,25 +182,27 @@ TEST(DataStreamTest, PackagesMoveAndComeBack) {
     EXPECT_EQ(std::tuple(number, text, large), std::tuple(1, "abc", 0xFFFFFFFE));
 }
 
-// Every string in it is 0x1111 bytes of 0x11, whoever reads it.
-struct EndlessChannel : IOChannel {
+// Every thread has a string of its own to read.
+struct ChannelOfThreads : IOChannel {
+    static inline thread_local short mine = 0;
     int Read(char* buffer, unsigned int length) override {
-        std::memset(buffer, 0x11, length);
+        length == sizeof mine ? std::memcpy(buffer, &mine, length) : std::memset(buffer, 'x', length);
         return static_cast<int>(length);
     }
     int Write(const char* /*buffer*/, unsigned int /*length*/) override { return -1; }
 };
 
 TEST(DataStreamTest, ThreadsReadStringsThroughOneStream) {
-    EndlessChannel channel;
+    ChannelOfThreads channel;
     DataStream stream(&channel, false);
-    const auto read = [&] {
-        for (int i = 0; i < 3000; ++i) {
-            ASSERT_EQ(stream.ReadString(), std::string(0x1111, '\x11'));
+    const auto read = [&](short mine) {
+        ChannelOfThreads::mine = mine;
+        for (int i = 0; i < 30000; ++i) {
+            ASSERT_EQ(stream.ReadString(), std::string(static_cast<std::size_t>(mine), 'x'));
         }
     };
-    std::thread other(read);
-    read();
+    std::thread other(read, short{30001});
+    read(3001);
     other.join();
 }
 

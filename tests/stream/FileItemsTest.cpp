@@ -6,12 +6,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <memory>
+#include <filesystem>
 #include <sstream>
 
 using namespace Vantor::Sentrix;
 
 namespace {
+
+namespace fs = std::filesystem;
 
 std::string Bytes(auto&& item) {
     MemoryrStream stream;
@@ -68,11 +70,30 @@ TEST(FileItemsTest, AnItemHasItsFieldsInOrder) {
     EXPECT_EQ(Bytes(other).substr(0, 4), Text("00000001")) << "true is whatever is not 0";
 }
 
+TEST(FileItemsTest, AnItemOfARealFileComesBackThroughAFile) {
+    const fs::path path = fs::temp_directory_path() / ("veyra-items-" + std::to_string(GetCurrentProcessId()));
+    SimpleFileItem item;
+    {
+        FileStream stream(path.wstring(), FileStream::kCreate);
+        item.m_name = path.filename().wstring();
+        item.m_path = path.parent_path().wstring();
+        item.m_size = fs::file_size(path);
+        StreamWriter(&stream).Write(2);
+        item.Serialize(&stream);
+        Sample().Serialize(&stream);
+        stream.SetPosition(0);
+        const auto items = Read(stream);
+        ASSERT_EQ(items.size(), 2U);
+        EXPECT_EQ(Bytes(*items[0]) + Bytes(*items[1]), Bytes(item) + Bytes(Sample()));
+    }
+    fs::remove(path);
+}
+
 // Lists that announce more than there is, and break off at every byte.
 TEST(FileItemsTest, AListThatLiesEndsWithItsLastWholeItem) {
     const std::string one = Bytes(Sample());
     for (const char* count : {"00000000", "00000001", "00000003", "ffffffff"}) {
-        const std::string list = Text(count) + one + one;
+        const std::string list = Text(count).append(one).append(one);
         const std::size_t announced = static_cast<unsigned char>(list[3]);
         for (std::size_t length = 0; length <= list.size(); ++length) {
             LogCapture log;

@@ -1,11 +1,13 @@
 #include "veyrasvc/stream/HashUtils.h"
 
 #include "tests/support/LogCapture.h"
+#include "tools/support/ChildProcess.h"
 #include "veyrasvc/stream/SimpleStream.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -14,11 +16,11 @@ using namespace Vantor::Sentrix;
 
 namespace {
 
+namespace fs = std::filesystem;
+
 static_assert(!std::is_copy_constructible_v<CryptMD5> && !std::is_copy_assignable_v<CryptMD5>);
 
-// Of RFC 1321.
-constexpr char kMd5OfA[] = "0CC175B9C0F1B6A831C399E269772661";
-constexpr char kMd5OfAbc[] = "900150983CD24FB0D6963F7D28E17F72";
+constexpr char kMd5OfAbc[] = "900150983CD24FB0D6963F7D28E17F72"; // RFC 1321
 const std::string kUntouched(32, '0');
 
 std::string Finish(CryptBase& hash, std::size_t length = 16) {
@@ -31,7 +33,7 @@ std::string Finish(CryptBase& hash, std::size_t length = 16) {
 TEST(HashUtilsTest, TextsHaveThePublishedDigests) {
     const std::string digits = "12345678901234567890123456789012345678901234567890123456789012345678901234567890";
     EXPECT_EQ(CryptMD5::GetStringMd5Hex(digits), "57EDF4A22BE3C955AC49DA2E2107B67A");
-    EXPECT_EQ(CryptMD5::GetBufferMd5Hex("ab", 1), kMd5OfA);
+    EXPECT_EQ(CryptMD5::GetBufferMd5Hex("ab", 1), "0CC175B9C0F1B6A831C399E269772661");
     EXPECT_EQ(CryptMD5::GetBufferMd5Hex(nullptr, 5) + CryptMD5::GetBufferMd5("x", 0), "");
 
     CryptBase sha(CALG_SHA_256, 32);
@@ -45,19 +47,35 @@ TEST(HashUtilsTest, TextsHaveThePublishedDigests) {
     EXPECT_EQ(Finish(sha, 32), "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD");
 }
 
+// Files around the edges of blocks and pieces, against the system's own program where it has one.
 TEST(HashUtilsTest, FilesAreHashedWhole) {
-    const std::string name = "veyra-hash-" + std::to_string(GetCurrentProcessId());
-    const std::string path = (std::filesystem::temp_directory_path() / name).string();
-    for (const std::size_t length : {1, 8191, 8192, 8193, 20000}) {
-        std::string bytes(length, '\0');
-        std::generate(bytes.begin(), bytes.end(), [random = std::mt19937(1)]() mutable { return char(random()); });
-        std::ofstream(path, std::ios::binary) << bytes;
-        EXPECT_EQ(CryptMD5::GetFileMd5Hex(path), CryptMD5::GetStringMd5Hex(bytes)) << length;
+    const fs::path folder = fs::temp_directory_path() / ("veyra-hash-" + std::to_string(GetCurrentProcessId()));
+    fs::create_directory(folder);
+    std::mt19937 random(std::random_device{}());
+    std::vector<std::string> paths;
+    for (const std::size_t edge : {64, 128, 8192, 16384}) {
+        for (const std::size_t length : {edge - 1, edge, edge + 1, edge + 2 + random() % 60}) {
+            std::string bytes(length, '\0');
+            std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
+            paths.push_back((folder / std::to_string(length)).string());
+            std::ofstream(paths.back(), std::ios::binary) << bytes;
+            EXPECT_EQ(CryptMD5::GetFileMd5Hex(paths.back()), CryptMD5::GetStringMd5Hex(bytes)) << length;
+        }
     }
-    std::filesystem::remove(path);
+    Support::ChildProcess system;
+    if (system.Start(MD5SUM_PROGRAM, paths, Support::ChildProcess::Output::Pipe)) {
+        for (const std::string& path : paths) {
+            std::string digits = CryptMD5::GetFileMd5Hex(path);
+            std::transform(digits.begin(), digits.end(), digits.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+            EXPECT_EQ(system.ReadLine(), digits + "  " + path);
+        }
+        EXPECT_EQ(system.WaitForExit(), 0U);
+    }
+    fs::remove_all(folder);
     const LogCapture log;
-    EXPECT_EQ(CryptMD5::GetFileMd5(path) + CryptMD5::GetFileMd5Hex(path), "");
-    EXPECT_EQ(log.Count(log4cplus::DEBUG_LOG_LEVEL, "getmd5 open faild error:" + path), 2);
+    EXPECT_EQ(CryptMD5::GetFileMd5(paths[0]) + CryptMD5::GetFileMd5Hex(paths[0]), "");
+    EXPECT_EQ(log.Count(log4cplus::DEBUG_LOG_LEVEL, "getmd5 open faild error:" + paths[0]), 2);
 }
 
 // What does not come is what the one buffer of 8192 bytes held: zeros at first, then an earlier piece.
@@ -73,7 +91,7 @@ TEST(HashUtilsTest, StreamsThatBreakOff) {
     EXPECT_EQ(log.Errors("read buffer error!"), 2);
 }
 
-TEST(HashUtilsTest, AMoveLeavesAnEmptyObjectThatCanBeUsedAgain) {
+TEST(HashUtilsTest, AMoveLeavesAnEmptyObject) {
     CryptMD5 first;
     first.Init();
     first.Update("a", 1);
@@ -84,9 +102,6 @@ TEST(HashUtilsTest, AMoveLeavesAnEmptyObjectThatCanBeUsedAgain) {
     third = std::move(second);
     EXPECT_EQ(Finish(third), kMd5OfAbc);
     EXPECT_EQ(Finish(first) + Finish(second), kUntouched + kUntouched); // NOLINT(bugprone-use-after-move): the question
-    second.Init();
-    second.Update("a", 1);
-    EXPECT_EQ(Finish(second), kMd5OfA);
 }
 
 TEST(HashUtilsTest, WhatCannotBeHashedIsLoggedAndLeavesTheDigest) {

@@ -23,10 +23,10 @@ std::wstring NumberPath(int process) {
     return (std::filesystem::temp_directory_path() / ("veyra-named-count-" + std::to_string(process))).wstring();
 }
 
-bool TryElsewhere(NamedMutexLock& lock) UNCHECKED {
+bool TryElsewhere(NamedMutexLock& lock, DWORD limit = 0) UNCHECKED {
     bool taken = false;
     std::thread([&]() UNCHECKED {
-        taken = lock.TryLock(0);
+        taken = lock.TryLock(limit);
         if (taken) {
             lock.Unlock();
         }
@@ -62,7 +62,10 @@ TEST(NamedMutexLockTest, TwoProcessesCountOnAfterTheDeathOfAnOwner) {
         LogCapture log;
         const int process = static_cast<int>(GetCurrentProcessId());
         const std::wstring path = NumberPath(process);
-        StreamWriter(std::make_unique<FileStream>(path, FileStream::kCreate).get()).Write(0);
+        {
+            FileStream file(path, FileStream::kCreate);
+            StreamWriter(&file).Write(0);
+        }
         NamedMutexLock lock(LockName(process).c_str());
         Role dying("hold", process);
         EXPECT_FALSE(lock.TryLock(1));
@@ -76,10 +79,28 @@ TEST(NamedMutexLockTest, TwoProcessesCountOnAfterTheDeathOfAnOwner) {
         EXPECT_FALSE(TryElsewhere(lock)) << "owned, in spite of the line";
         lock.Unlock();
         EXPECT_EQ(one.AwaitExit() + other.AwaitExit(), 0);
-        const int total = StreamReader(std::make_unique<FileStream>(path, FileStream::kRead).get()).ReadInt();
+        int total = 0;
+        {
+            FileStream file(path, FileStream::kRead);
+            total = StreamReader(&file).ReadInt();
+        }
         std::filesystem::remove(path);
         EXPECT_EQ(total, 2 * kRounds);
         EXPECT_EQ(log.Take().size(), 1U);
+    };
+    test();
+}
+
+TEST(NamedMutexLockTest, TimeLimitsPassWhileSomebodyElseHoldsIt) {
+    const auto test = []() UNCHECKED {
+        NamedMutexLock lock((L"veyra limits " + std::to_wstring(GetCurrentProcessId())).c_str());
+        lock.Lock();
+        EXPECT_TRUE(lock.TryLock() && lock.TryLock(0)) << "again, for its owner";
+        for (const DWORD limit : {0, 1, 20}) {
+            EXPECT_FALSE(TryElsewhere(lock, limit));
+            lock.Unlock();
+        }
+        EXPECT_TRUE(TryElsewhere(lock, INFINITE));
     };
     test();
 }

@@ -139,8 +139,8 @@ private:
     std::int32_t m_moduleId;
     std::map<int, IPCMessageCallback> m_callbacks;
     IPCMessageCallback m_publishCallback;
-    std::recursive_mutex m_callbackMutex;                                 // guards the two above
-    std::atomic<bool> m_hasCallbacks{false};                              // whether m_callbacks has any
+    std::recursive_mutex m_callbackMutex;    // guards the two above
+    std::atomic<bool> m_hasCallbacks{false}; // whether m_callbacks has any
     std::atomic<bool> m_hasPublishCallback{false};
     std::recursive_mutex m_subscribeMutex;                                // guards the subscriptions
     std::vector<std::pair<std::uint32_t, std::uint32_t>> m_subscriptions; // module and message id; message 0: any

@@ -84,7 +84,7 @@ void ReadItems(std::vector<BaseItem*>& items, Stream* stream) {
             return;
         }
         items.push_back(item.get());
-        item.release(); // only once the vector has it
+        static_cast<void>(item.release()); // only once the vector has it
     }
 }
 

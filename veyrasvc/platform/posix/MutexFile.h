@@ -41,7 +41,8 @@ public:
 
     pthread_mutex_t* Mutex() { return &m_shared->mutex; }
 
-    // The file for a name; names that differ give files that differ. Empty for a long one without OpenSSL to shorten it.
+    // The file for a name; names that differ give files that differ. Empty when OpenSSL is missing to shorten a long
+    // one.
     static std::string PathFor(const std::string& name);
 
 private:
