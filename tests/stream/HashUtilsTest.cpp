@@ -68,7 +68,7 @@ TEST(HashUtilsTest, FilesAreHashedWhole) {
             std::string digits = CryptMD5::GetFileMd5Hex(path);
             std::transform(digits.begin(), digits.end(), digits.begin(),
                            [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-            EXPECT_EQ(system.ReadLine(), digits + "  " + path);
+            EXPECT_EQ(system.ReadLine(), digits.append("  ").append(path));
         }
         EXPECT_EQ(system.WaitForExit(), 0U);
     }
