@@ -64,7 +64,8 @@ TEST(FileItemsTest, AnItemHasItsFieldsInOrder) {
     EXPECT_EQ(Bytes(other), std::string(60, '\0'));
     other.Assign(&item);
     EXPECT_EQ(Bytes(other), Bytes(item));
-    MemoryrStream stream(Bytes(item).replace(2, 1, "x").c_str(), 70);
+    const std::string bytes = Bytes(item).replace(2, 1, "x");
+    MemoryrStream stream(bytes.data(), static_cast<int>(bytes.size()));
     stream.SetPosition(0);
     other.Deserialize(&stream);
     EXPECT_EQ(Bytes(other).substr(0, 4), Text("00000001")) << "true is whatever is not 0";
