@@ -35,7 +35,7 @@ Backend Make() {
     backend.name = "veyrasvc";
     backend.kind = Kind::Own;
     backend.program = ProgramBeside("veyra");
-    backend.note = "callbacks on a thread pool, a thread for the connection and one for large messages; any thread may "
+    backend.note = "callbacks on a thread pool, a thread for the connection; any thread may "
                    "send, and connections renew themselves; CRC-32 of every header and payload; native request";
     backend.makeBroker = [] { return std::make_unique<VeyraServe>(); };
     backend.roleProgram = ProgramBeside("veyra-compare-veyrasvc");
