@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Vantor::Sentrix::Compare {
@@ -31,9 +32,8 @@ struct Handlers {
 };
 
 // One connection to a bus.
-// Threads: one at a time. Handlers run inside Poll(), HandleUntil() and, for what arrives meanwhile, Request(); those
-// of
-//   a backend with Delivery::AnyThread on threads of the bus's library, several at once, and may send from there.
+// Threads: one at a time. Handlers run inside Poll(), HandleUntil() and, for what arrives meanwhile, Request(). Those
+// of a backend with Delivery::AnyThread run on threads of the bus's library, several at once, and may send from there.
 // Owns: nothing of what it is given; the bytes given to a handler are valid until it returns.
 // Fails: by exception, which ends the process and with it the measurement.
 class Client {
@@ -115,6 +115,25 @@ struct Backend {
     bool onlyLatency = false;          // a variant that is there for the round trips alone
     bool inQuickRun = true;
 };
+
+// A broker that is one process.
+class ProcessBroker : public Broker {
+public:
+    std::vector<pid_t> Processes() const override { return {m_process}; }
+
+protected:
+    pid_t m_process = 0;
+};
+
+template <class Server, class Connection> Backend BackendOf(std::string name, std::string program, std::string note) {
+    Backend backend;
+    backend.name = std::move(name);
+    backend.program = std::move(program);
+    backend.note = std::move(note);
+    backend.makeBroker = [] { return std::make_unique<Server>(); };
+    backend.makeClient = [](const std::string& address) { return std::make_unique<Connection>(address); };
+    return backend;
+}
 
 struct Registration {
     explicit Registration(std::vector<Backend> backends);

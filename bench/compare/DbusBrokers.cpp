@@ -15,7 +15,7 @@ namespace Vantor::Sentrix::Compare {
 
 namespace {
 
-class DbusDaemon : public Broker {
+class DbusDaemon : public ProcessBroker {
 public:
     void Start(const std::string& folder) override {
         m_path = folder + "/dbus.socket";
@@ -27,7 +27,6 @@ public:
         AwaitUnix(m_path, m_process);
     }
     std::string Address() const override { return "unix:path=" + m_path; }
-    std::vector<pid_t> Processes() const override { return {m_process}; }
 
 private:
     std::string Configuration() const {
@@ -45,7 +44,6 @@ private:
     }
 
     std::string m_path;
-    pid_t m_process = 0;
 };
 
 // The policy that AddListener wants, "may everybody do everything: yes". Its levels: the variant; one batch for the
@@ -86,7 +84,7 @@ void AppendPolicy(sd_bus_message* message) {
     close(2);
 }
 
-class DbusBroker : public Broker {
+class DbusBroker : public ProcessBroker {
 public:
     void Start(const std::string& folder) override {
         m_path = folder + "/dbus.socket";
@@ -109,7 +107,6 @@ public:
         AwaitUnix(m_path, m_process);
     }
     std::string Address() const override { return "unix:path=" + m_path; }
-    std::vector<pid_t> Processes() const override { return {m_process}; }
 
 private:
     static std::string MachineId() {
@@ -138,7 +135,6 @@ private:
     }
 
     std::string m_path;
-    pid_t m_process = 0;
     DbusConnection m_controller; // lives as long as the broker should
 };
 

@@ -2,6 +2,7 @@
 // asks the kernel again and again for a while, yielding its processor each time, before it sleeps.
 #include "bench/compare/LimitFrame.h"
 #include "bench/compare/Processes.h"
+#include "bench/compare/SocketClient.h"
 
 #include <sched.h>
 #include <sys/socket.h>
@@ -21,7 +22,7 @@ struct Mode {
     bool spinBroker = false;
 };
 
-class LimitClient : public Client {
+class LimitClient : public SocketClient {
 public:
     LimitClient(std::string address, Mode mode)
         : m_address(std::move(address)), m_mode(mode), m_format(mode.checksums) {}
@@ -37,27 +38,14 @@ public:
     }
     void Send(std::uint32_t to, Bytes data) override { Write(to, FrameKind::Post, 0, data); }
     void Request(std::uint32_t to, Bytes data, std::string& reply) override {
-        m_awaited = &reply;
         Write(to, FrameKind::Request, kAwaitedTag, data);
-        Flush();
-        while (m_awaited != nullptr) {
-            Receive(true);
-        }
+        AwaitReply(reply);
     }
     void RequestAsync(std::uint32_t to, Bytes data, std::uint32_t tag) override {
         Write(to, FrameKind::Request, tag, data);
     }
     void Subscribe(std::uint32_t topic) override { Control(kSubscribe, topic); }
     void Publish(std::uint32_t topic, Bytes data) override { Write(kTopicBit | topic, FrameKind::Post, 0, data); }
-    void Flush() override {
-        WriteAll(m_socket, m_output);
-        m_output.clear();
-    }
-    void Poll(bool wait) override {
-        Flush();
-        Receive(wait);
-        Flush();
-    }
 
 private:
     static constexpr std::size_t kBatchBytes = 32 * 1024;
@@ -120,7 +108,7 @@ private:
         return ReadSome(m_socket, m_input.Free(), m_input.FreeBytes(), wait);
     }
 
-    void Receive(bool wait) {
+    void Receive(bool wait) override {
         if (!m_socket.IsOpen()) {
             if (!wait) {
                 return;
@@ -158,8 +146,8 @@ private:
         case FrameKind::Reply:
             if (header.tag != kAwaitedTag) {
                 m_handlers.reply(header.tag, data);
-            } else if (m_awaited != nullptr) {
-                std::exchange(m_awaited, nullptr)->assign(data);
+            } else {
+                TakeReply(data);
             }
             break;
         case FrameKind::Control:
@@ -173,15 +161,11 @@ private:
     const FrameFormat m_format;
     std::uint32_t m_id = 0;
     bool m_obeyed = false;
-    Descriptor m_socket;
     Descriptor m_listener; // direct only
     FrameBuffer m_input;
-    std::string m_output; // small messages that are held back
-    std::string m_reply;
-    std::string* m_awaited = nullptr;
 };
 
-class ForwarderBroker : public Broker {
+class ForwarderBroker : public ProcessBroker {
 public:
     explicit ForwarderBroker(Mode mode) : m_mode(mode) {}
 
@@ -193,12 +177,10 @@ public:
         AwaitUnix(m_path, m_process);
     }
     std::string Address() const override { return m_path; }
-    std::vector<pid_t> Processes() const override { return {m_process}; }
 
 private:
     const Mode m_mode;
     std::string m_path;
-    pid_t m_process = 0;
 };
 
 // The address is the folder in which clients listen.

@@ -106,7 +106,7 @@ private:
     std::unique_ptr<mosquitto, MosquittoRelease> m_client;
 };
 
-class MosquittoServer : public Broker {
+class MosquittoServer : public ProcessBroker {
 public:
     void Start(const std::string& folder) override {
         m_path = folder + "/mqtt.socket";
@@ -118,23 +118,14 @@ public:
         AwaitUnix(m_path, m_process);
     }
     std::string Address() const override { return m_path; }
-    std::vector<pid_t> Processes() const override { return {m_process}; }
 
 private:
     std::string m_path;
-    pid_t m_process = 0;
 };
 
-Backend Make() {
-    Backend backend;
-    backend.name = backend.program = "mosquitto";
-    backend.note = "libmosquitto, one write and about three reads a message; request and reply emulated over topics";
-    backend.makeBroker = [] { return std::make_unique<MosquittoServer>(); };
-    backend.makeClient = [](const std::string& address) { return std::make_unique<MosquittoClient>(address); };
-    return backend;
-}
-
-const Registration kRegistration({Make()});
+const Registration kRegistration({BackendOf<MosquittoServer, MosquittoClient>(
+    "mosquitto", "mosquitto",
+    "libmosquitto, one write and about three reads a message; request and reply emulated over topics")});
 
 } // namespace
 

@@ -1,8 +1,8 @@
 // NATS: nats-server on 127.0.0.1, for it has no Unix socket, and a small client of its text protocol that sends what it
 // has in pieces of 32 KiB, as the official clients do. An id is the subject m.ID; a request names the protocol's own
 // reply subject, i.ID.TAG; a publication is t.TOPIC.
-#include "bench/compare/Bus.h"
 #include "bench/compare/Processes.h"
+#include "bench/compare/SocketClient.h"
 
 #include <algorithm>
 #include <cstring>
@@ -25,7 +25,7 @@ std::uint32_t NumberOf(Bytes digits) {
     return number;
 }
 
-class NatsClient : public Client {
+class NatsClient : public SocketClient {
 public:
     explicit NatsClient(const std::string& address) : m_port(std::stoi(address)) {}
 
@@ -46,21 +46,8 @@ public:
     void Publish(std::uint32_t topic, Bytes data) override { Emit("t.", topic, nullptr, data); }
     void RequestAsync(std::uint32_t to, Bytes data, std::uint32_t tag) override { Emit("m.", to, &tag, data); }
     void Request(std::uint32_t to, Bytes data, std::string& reply) override {
-        m_awaited = &reply;
         Emit("m.", to, &kAwaitedTag, data);
-        Flush();
-        while (m_awaited != nullptr) {
-            Receive(true);
-        }
-    }
-    void Flush() override {
-        WriteAll(m_socket, m_output);
-        m_output.clear();
-    }
-    void Poll(bool wait) override {
-        Flush();
-        Receive(wait);
-        Flush();
+        AwaitReply(reply);
     }
 
 private:
@@ -92,7 +79,7 @@ private:
         }
     }
 
-    void Receive(bool wait) {
+    void Receive(bool wait) override {
         for (bool any = false; !any;) {
             MakeRoom();
             const std::size_t got = ReadSome(m_socket, m_bytes.get() + m_end, m_capacity - m_end, wait);
@@ -175,8 +162,8 @@ private:
             const std::uint32_t tag = NumberOf(subject.substr(subject.rfind('.') + 1));
             if (tag != kAwaitedTag) {
                 m_handlers.reply(tag, data);
-            } else if (m_awaited != nullptr) {
-                std::exchange(m_awaited, nullptr)->assign(data);
+            } else {
+                TakeReply(data);
             }
         } else if (!replyTo.empty()) {
             m_handlers.request(data, m_reply);
@@ -189,10 +176,6 @@ private:
 
     const int m_port;
     std::string m_id;
-    Descriptor m_socket;
-    std::string m_output;
-    std::string m_reply;
-    std::string* m_awaited = nullptr;
     bool m_answered = false;
 
     const std::size_t m_bytesAtFirst = 256 * 1024;
@@ -203,7 +186,7 @@ private:
     std::size_t m_needed = 0; // for the item at the front; 0: not known
 };
 
-class NatsServer : public Broker {
+class NatsServer : public ProcessBroker {
 public:
     void Start(const std::string& folder) override {
         m_port = FreeTcpPort();
@@ -214,24 +197,14 @@ public:
         AwaitTcp(m_port, m_process);
     }
     std::string Address() const override { return std::to_string(m_port); }
-    std::vector<pid_t> Processes() const override { return {m_process}; }
 
 private:
     int m_port = 0;
-    pid_t m_process = 0;
 };
 
-Backend Make() {
-    Backend backend;
-    backend.name = "nats";
-    backend.program = "nats-server";
-    backend.note = "a client of our own on TCP, writes of 32 KiB as the official clients do; native request and reply";
-    backend.makeBroker = [] { return std::make_unique<NatsServer>(); };
-    backend.makeClient = [](const std::string& address) { return std::make_unique<NatsClient>(address); };
-    return backend;
-}
-
-const Registration kRegistration({Make()});
+const Registration kRegistration({BackendOf<NatsServer, NatsClient>(
+    "nats", "nats-server",
+    "a client of our own on TCP, writes of 32 KiB as the official clients do; native request and reply")});
 
 } // namespace
 

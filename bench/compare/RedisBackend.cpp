@@ -136,7 +136,7 @@ private:
     int m_subscribed = 0;
 };
 
-class RedisServer : public Broker {
+class RedisServer : public ProcessBroker {
 public:
     void Start(const std::string& folder) override {
         m_path = folder + "/redis.socket";
@@ -149,24 +149,14 @@ public:
         AwaitUnix(m_path, m_process);
     }
     std::string Address() const override { return m_path; }
-    std::vector<pid_t> Processes() const override { return {m_process}; }
 
 private:
     std::string m_path;
-    pid_t m_process = 0;
 };
 
-Backend Make() {
-    Backend backend;
-    backend.name = "redis";
-    backend.program = "redis-server";
-    backend.note = "hiredis, two connections a client, writes of 32 KiB; request and reply emulated over channels";
-    backend.makeBroker = [] { return std::make_unique<RedisServer>(); };
-    backend.makeClient = [](const std::string& address) { return std::make_unique<RedisClient>(address); };
-    return backend;
-}
-
-const Registration kRegistration({Make()});
+const Registration kRegistration({BackendOf<RedisServer, RedisClient>(
+    "redis", "redis-server",
+    "hiredis, two connections a client, writes of 32 KiB; request and reply emulated over channels")});
 
 } // namespace
 

@@ -101,9 +101,8 @@ const std::vector<Report::Theme>& Report::Themes() {
           {"90 idle", "memory", "broker-90", 1, 2},
           {"of it anonymous", "memory", "broker-90-anonymous", 1, 2}},
          false},
-        {"Where the floor's processes run: 64 B, client and server on one processor, the broker on the other (direct: "
-         "one "
-         "each)",
+        {"Where the floor's processes run: 64 B, client and server on one processor, the broker on the other; direct, "
+         "one each",
          {{"apart p50 us", "sync-64-apart", "p50", 1, 1},
           {"p99 us", "sync-64-apart", "p99", 1, 1},
           {"CPU us", "sync-64-apart", "cpu", 1, 1},

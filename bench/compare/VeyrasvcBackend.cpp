@@ -11,7 +11,7 @@ namespace Vantor::Sentrix::Compare {
 
 namespace {
 
-class VeyraServe : public Broker {
+class VeyraServe : public ProcessBroker {
 public:
     void Start(const std::string& folder) override {
         static int number = 0;
@@ -23,11 +23,9 @@ public:
                     [&] { return ReadTextFile(log).find("veyra: serving") != std::string::npos; });
     }
     std::string Address() const override { return m_name; }
-    std::vector<pid_t> Processes() const override { return {m_process}; }
 
 private:
     std::string m_name;
-    pid_t m_process = 0;
 };
 
 Backend Make() {

@@ -106,7 +106,7 @@ private:
     std::unique_ptr<void, SocketRelease> m_socket;
 };
 
-class ZeroMqServer : public Broker {
+class ZeroMqServer : public ProcessBroker {
 public:
     void Start(const std::string& folder) override {
         m_path = folder + "/zeromq.socket";
@@ -114,24 +114,14 @@ public:
         AwaitBroker(m_process, m_path, [&] { return access(m_path.c_str(), F_OK) == 0; }); // clients connect again
     }
     std::string Address() const override { return "ipc://" + m_path; }
-    std::vector<pid_t> Processes() const override { return {m_process}; }
 
 private:
     std::string m_path;
-    pid_t m_process = 0;
 };
 
-Backend Make() {
-    Backend backend;
-    backend.name = "zeromq";
-    backend.program = ProgramBeside("veyra-compare-zeromq");
-    backend.note = "libzmq, DEALER to ROUTER; its I/O thread batches by itself; request and reply emulated";
-    backend.makeBroker = [] { return std::make_unique<ZeroMqServer>(); };
-    backend.makeClient = [](const std::string& address) { return std::make_unique<ZeroMqClient>(address); };
-    return backend;
-}
-
-const Registration kRegistration({Make()});
+const Registration kRegistration({BackendOf<ZeroMqServer, ZeroMqClient>(
+    "zeromq", ProgramBeside("veyra-compare-zeromq"),
+    "libzmq, DEALER to ROUTER; its I/O thread batches by itself; request and reply emulated")});
 
 } // namespace
 

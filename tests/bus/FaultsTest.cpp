@@ -25,6 +25,12 @@ public:
         return true;
     }
     void OnRecvData(IOCPContext* context, IOCPBuffer* buffer) override {
+        if (m_standsStill.exchange(false)) {
+            m_goesOn.Await(1);
+            m_received.erase(context);
+            ClosePipe(context);
+            return;
+        }
         std::string& received = m_received[context];
         received.append(buffer->m_data, buffer->m_length);
         bool corrupt = false;
@@ -36,7 +42,10 @@ public:
                 m_kept.Put(packet);
             }
         }
+        EXPECT_FALSE(corrupt);
     }
+    std::atomic<bool> m_standsStill{false}; // at the next read, until m_goesOn; then it ends that connection
+    Tally m_goesOn;
     Tally m_connections;
     Mailbox<RawPacket> m_kept;
     Mailbox<std::string> m_rubbish; // sent in place of the next answers
@@ -107,6 +116,25 @@ TEST(FaultsTest, AHostIsKilledUnderLoadAndEveryoneComesBack) {
     stop = true;
     for (std::thread& thread : load) {
         thread.join();
+    }
+}
+
+TEST(FaultsTest, AConnectionThatEndsAmidAWriteLosesWhatWasUnderWayAndNoMore) {
+    constexpr std::uint32_t kPosts = 50'000; // far more than fits the pipe
+    FakeHost host(false);
+    const IPCMessageClient poster(kOther, false, false);
+    ASSERT_TRUE(host.m_connections.Await(1));
+    host.m_standsStill = true;
+    for (std::uint32_t i = 0; i < kPosts; ++i) {
+        poster.PostIPCMessage(Item(kEchoModule, kMarker, "short frames are joined", -1, static_cast<int>(i)));
+    }
+    host.m_goesOn.Add();
+    auto packet = host.m_kept.Take();
+    ASSERT_TRUE(packet && packet->uniqMsgId > 0) << "nothing was under way";
+    for (std::uint32_t expected = packet->uniqMsgId; expected < kPosts; ++expected) {
+        ASSERT_TRUE(packet);
+        ASSERT_EQ(packet->uniqMsgId, expected) << "what had not begun comes, in order";
+        packet = expected + 1 < kPosts ? host.m_kept.Take() : packet;
     }
 }
 

@@ -9,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <chrono>
 #include <limits>
 #include <optional>
 
@@ -70,14 +71,16 @@ bool IsHostPresent() {
 
 // ---- send ----------------------------------------------------------------------------------------------------------
 
-std::string WhyNoAnswer(IPCMessageClient& client, const MessageOptions& options) {
+// `waited`: the whole time was waited for an answer.
+std::string WhyNoAnswer(IPCMessageClient& client, const MessageOptions& options, bool waited) {
     if (!IsIPCServerPresent(0)) {
         return "the bus server went away";
     }
     const std::string module = "module " + HexId(options.to);
     switch (Support::StatusQuery(client).Ask(options.to)) {
     case Support::ModuleStatus::Online:
-        return module + " is online but gave no answer in time (" + std::to_string(options.timeoutMs) + " ms)";
+        return waited ? module + " is online but gave no answer in time (" + std::to_string(options.timeoutMs) + " ms)"
+                      : "the message could not be sent, or its answer cannot be read";
     case Support::ModuleStatus::Offline:
         return module + " is offline";
     default:
@@ -97,8 +100,10 @@ int Send(const MessageOptions& options) {
         written = Support::WriteOutput({answer.data, static_cast<std::size_t>(answer.dataLen)});
     };
     const int awaited = request.replyMsgId == -1 ? request.msgId : request.replyMsgId;
+    constexpr std::chrono::milliseconds kClockStep{16}; // waits are measured by a coarser clock
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(options.timeoutMs) - kClockStep;
     if (!client.SendIPCMessage(request, awaited, options.timeoutMs, print)) {
-        Say(WhyNoAnswer(client, options));
+        Say(WhyNoAnswer(client, options, std::chrono::steady_clock::now() >= end));
         return kFailed;
     }
     return written ? kDone : kFailed;

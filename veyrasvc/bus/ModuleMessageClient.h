@@ -137,7 +137,6 @@ private:
 
     void QueueBytes(SharedBytes frame);
     void Enqueue(SharedBytes frame) VEYRA_REQUIRES(m_sendQueue);
-    void DropBegun() VEYRA_REQUIRES(m_sendQueue);
     bool InRush() VEYRA_REQUIRES(m_sendQueue);
     void RoutePacket(const std::shared_ptr<BasePacket>& packet);
     static void Signal(const std::list<std::shared_ptr<ReplyWait>>& waits);

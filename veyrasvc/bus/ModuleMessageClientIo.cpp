@@ -121,23 +121,13 @@ void BaseMessageClient::Disconnect() {
     if (writing) {
         GetOverlappedResult(INVALID_HANDLE_VALUE, &m_writeOverlapped, &bytes, TRUE);
     }
-    DropBegun();
+    // What was begun is lost: a long frame, or short ones that left in one write. What was not goes first when there is
+    // a pipe again.
+    if (m_sendRestOffset > 0) {
+        m_sendRest = {};
+        m_sendRestOffset = 0;
+    }
     m_recvData.Clear();
-}
-
-// What was handed to the pipe is lost, with the rest of a frame that was begun. Frames that were not go first when
-// there is a pipe again.
-void BaseMessageClient::DropBegun() {
-    if (m_sendRestOffset == 0) {
-        return;
-    }
-    const std::string_view frames = m_sendRest.Bytes();
-    std::size_t end = 0;
-    while (end < m_sendRestOffset) {
-        end += FrameHeader::kSize + FrameHeader::PayloadLength(frames.data() + end);
-    }
-    m_sendRest = {{}, std::string(frames.substr(end))};
-    m_sendRestOffset = 0;
 }
 
 // One turn: read and write what goes, then wait for more. False when the connection is broken.
@@ -293,6 +283,7 @@ void BaseMessageClient::Enqueue(SharedBytes frame) {
         waiting.push({std::move(frame), {}});
         return;
     }
+    // Never more than one write takes: see Disconnect.
     if (waiting.empty() || waiting.back().frame.storage || waiting.back().joined.size() + length > kTransferBytes) {
         waiting.push({{}, std::exchange(m_spareJoined, {})});
         waiting.back().joined.reserve(kTransferBytes);

@@ -1,4 +1,4 @@
-// A read-only stream over bytes that lie elsewhere: how received payloads are decoded without a copy.
+// A read-only stream over bytes that lie elsewhere: how payloads that were cut short are decoded.
 #pragma once
 
 #include "veyrasvc/stream/PositionInMemory.h"

@@ -1,4 +1,4 @@
-// A stream that writes straight into a caller's string: how frames are composed without a copy.
+// A stream that writes straight into a caller's string: how values become a string without a copy.
 #pragma once
 
 #include "veyrasvc/stream/SimpleStream.h"

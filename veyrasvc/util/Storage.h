@@ -7,7 +7,7 @@
 namespace Vantor::Sentrix {
 
 // Unset bytes at an address for any type. A few long blocks that were given back are kept for the next of their kind,
-// kRecycledBytes per process at most: fresh memory from the system costs as much as copying it full.
+// 4 MiB per process at most: fresh memory from the system is cleared page by page before it is written to.
 // Threads: any; also the one that gives a block back.
 // Fails: std::bad_alloc.
 std::shared_ptr<char[]> AllocateStorage(std::size_t bytes);

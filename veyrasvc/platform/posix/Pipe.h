@@ -8,9 +8,10 @@
 // (Progress). The two differ in when they are called and in nothing else.
 //
 // Reads are satisfied from what an earlier read of the socket brought along (the read-ahead); writes leave together as
-// far as they are known. On an event-driven end, what the serving thread itself writes is gathered, and leaves when the
-// buffer is full or when the thread is about to block; every other thread's write goes out at once, and so does that of
-// a serving thread which may block where this code does not see it (BlocksOnlyInWaits).
+// far as they are known. On an event-driven end, short writes of the serving thread itself are gathered, and leave when
+// the buffer is full or when the thread is about to block; a long one goes with them from where it is; every other
+// thread's write goes out at once, and so does that of a serving thread which may block where this code does not see it
+// (BlocksOnlyInWaits).
 #pragma once
 
 #include "veyrasvc/platform/posix/CompletionPort.h"

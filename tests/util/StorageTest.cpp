@@ -1,0 +1,60 @@
+#include "veyrasvc/util/Storage.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <future>
+#include <random>
+#include <vector>
+
+namespace Vantor::Sentrix {
+namespace {
+
+struct Piece {
+    std::shared_ptr<char[]> storage;
+    std::size_t bytes;
+    char fill;
+};
+
+// Long and short, so that some are recycled, some fit each other, and some are let go of.
+std::vector<Piece> Make(unsigned seed) {
+    std::minstd_rand random(seed);
+    std::vector<Piece> pieces;
+    for (int i = 0; i < 12; ++i) {
+        const std::size_t bytes = std::size_t{1} << (random() % 6 + 16);
+        pieces.push_back({AllocateStorage(bytes + random() % 1000), bytes, static_cast<char>(random())});
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(pieces.back().storage.get()) % 16, 0U);
+        std::fill_n(pieces.back().storage.get(), bytes, pieces.back().fill);
+    }
+    return pieces;
+}
+
+// How many of them do not hold what was written to them.
+std::ptrdiff_t Spoiled(std::vector<Piece> pieces) {
+    return std::count_if(pieces.begin(), pieces.end(), [](const Piece& piece) {
+        const char* const begin = piece.storage.get();
+        return std::any_of(begin, begin + piece.bytes, [&](char byte) { return byte != piece.fill; });
+    });
+}
+
+// Made by one thread and given back by another, while two more make theirs.
+TEST(StorageTest, NoTwoOwnersShareABlockHoweverOftenItComesBack) {
+    std::vector<Piece> waiting[2];
+    for (unsigned round = 0; round < 8; ++round) {
+        std::future<std::vector<Piece>> made[2];
+        std::future<std::ptrdiff_t> spoiled[2];
+        for (const unsigned i : {0U, 1U}) {
+            made[i] = std::async(std::launch::async, Make, 2 * round + i + 1);
+            spoiled[i] = std::async(std::launch::async, Spoiled, std::move(waiting[i]));
+        }
+        for (const unsigned i : {0U, 1U}) {
+            waiting[i] = made[i].get();
+            EXPECT_EQ(spoiled[i].get(), 0) << round;
+        }
+    }
+    EXPECT_EQ(Spoiled(std::move(waiting[0])) + Spoiled(std::move(waiting[1])), 0);
+}
+
+} // namespace
+} // namespace Vantor::Sentrix
