@@ -1,15 +1,14 @@
 #include "veyrasvc/bus/IPCMessageExport.h"
 
 #include "veyrasvc/bus/BasePacket.h"
+#include "veyrasvc/bus/CallbackQueue.h"
 #include "veyrasvc/bus/ModuleId.h"
 #include "veyrasvc/bus/ModuleMessageClient.h"
 #include "veyrasvc/bus/ModuleMessageServer.h"
 #include "veyrasvc/util/LogStatement.h"
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstring>
-#include <exception>
 #include <limits>
 #include <new>
 
@@ -57,103 +56,7 @@ template <class Answer> void CopyIds(Answer& answer, const TagIPCMessageItem& it
 
 } // namespace
 
-// ---- Jobs and the life of their client -----------------------------------------------------------------------------
-
-// Outlives the client for as long as a job holds it, and knows whether the client is still there.
-class ClientLifetime {
-public:
-    // One job's stay with the client. Entered() is false when the client is gone.
-    class Visit {
-    public:
-        explicit Visit(ClientLifetime& lifetime) : m_lifetime(lifetime), m_outer(s_innermost) {
-            const std::lock_guard guard(lifetime.m_mutex);
-            m_entered = !lifetime.m_closed;
-            lifetime.m_visits += m_entered ? 1 : 0;
-            s_innermost = this;
-        }
-        ~Visit() {
-            s_innermost = m_outer;
-            const std::lock_guard guard(m_lifetime.m_mutex);
-            m_lifetime.m_visits -= m_entered ? 1 : 0;
-            if (m_lifetime.m_closed) {
-                m_lifetime.m_left.notify_all();
-            }
-        }
-        Visit(const Visit&) = delete;
-        Visit& operator=(const Visit&) = delete;
-
-        bool Entered() const { return m_entered; }
-
-    private:
-        friend class ClientLifetime;
-        ClientLifetime& m_lifetime;
-        Visit* const m_outer; // of the same thread
-        bool m_entered;
-    };
-
-    // From now on nobody enters; returns when nobody else is inside. The visits of the calling thread do not count:
-    // the client is being destroyed from within them.
-    void Close() {
-        int own = 0;
-        for (const Visit* visit = s_innermost; visit != nullptr; visit = visit->m_outer) {
-            own += &visit->m_lifetime == this && visit->m_entered ? 1 : 0;
-        }
-        std::unique_lock guard(m_mutex);
-        m_closed = true;
-        m_left.wait(guard, [&] { return m_visits <= own; });
-    }
-
-private:
-    static thread_local Visit* s_innermost;
-
-    std::mutex m_mutex;
-    std::condition_variable m_left;
-    // Guarded by m_mutex.
-    bool m_closed = false;
-    int m_visits = 0;
-};
-
-thread_local ClientLifetime::Visit* ClientLifetime::s_innermost = nullptr;
-
-struct IPCMessageClient::Job {
-    std::shared_ptr<ClientLifetime> lifetime;
-    IPCMessageClient* client; // valid inside a visit
-    JobKind kind;
-    std::shared_ptr<BasePacket> packet;
-};
-
-void IPCMessageClient::QueueJob(JobKind kind, std::shared_ptr<BasePacket> packet) {
-    std::unique_ptr<Job> job(new (std::nothrow) Job{m_lifetime, this, kind, std::move(packet)});
-    if (!job) {
-        return; // the message is lost, as when there is no thread for it
-    }
-    const auto run = [](void* context) -> DWORD {
-        const std::unique_ptr<Job> owned(static_cast<Job*>(context));
-        RunJob(*owned);
-        return 0;
-    };
-    if (QueueUserWorkItem(run, job.get(), WT_EXECUTELONGFUNCTION) != FALSE) {
-        static_cast<void>(job.release());
-    }
-}
-
-void IPCMessageClient::RunJob(const Job& job) noexcept {
-    const ClientLifetime::Visit visit(*job.lifetime);
-    if (!visit.Entered() || BaseMessageClient::Instance().IsStopped()) {
-        return;
-    }
-    try {
-        if (job.kind == JobKind::Message) {
-            job.client->OnRecvIPCMessage(job.packet);
-        } else {
-            job.client->OnRecvPublishIPCMessage(std::make_shared<BasePacket>(*job.packet)); // Bregister may rewrite it
-        }
-    } catch (const std::exception& exception) {
-        LOG_ERROR("ipc message callback threw. messageid=" << job.packet->GetMsgId() << ", what=" << exception.what());
-    } catch (...) {
-        LOG_ERROR("ipc message callback threw. messageid=" << job.packet->GetMsgId());
-    }
-}
+// ---- Life ----------------------------------------------------------------------------------------------------------
 
 // A message without a callback needs a job only where that is logged. Asked for every message by the one thread that
 // reads them all, so it takes no lock that callbacks' threads take, as long as it can.
@@ -172,16 +75,16 @@ void IPCMessageClient::NoteCallbacks() {
 }
 
 IPCMessageClient::IPCMessageClient(int moduleId, bool /*unused*/, bool forwardPosts)
-    : m_moduleId(moduleId), m_lifetime(std::make_shared<ClientLifetime>()) {
+    : m_moduleId(moduleId), m_queue(std::make_shared<CallbackQueue>(*this)) {
     BaseMessageClient& engine = BaseMessageClient::Instance();
     engine.RegisterClient(this, Unsigned(moduleId), forwardPosts, [this](std::shared_ptr<BasePacket> packet) {
         if (packet && WantsMessage(packet->GetMsgId())) {
-            QueueJob(JobKind::Message, std::move(packet));
+            m_queue->Add(&IPCMessageClient::OnRecvIPCMessage, std::move(packet));
         }
     });
     engine.RegisterPublishHandler(this, Unsigned(moduleId), [this](std::shared_ptr<BasePacket> packet) {
         if (packet && m_hasPublishCallback) {
-            QueueJob(JobKind::Publication, std::move(packet));
+            m_queue->Add(&IPCMessageClient::OnRecvPublishIPCMessage, std::move(packet));
         }
     });
 }
@@ -192,7 +95,7 @@ IPCMessageClient::~IPCMessageClient() {
     engine.UnregisterClient(this);
     engine.UnregisterPublishHandler(this);
     UnRegisterMessageCallbackAll();
-    m_lifetime->Close();
+    m_queue->Close();
 }
 
 // ---- Items and packets ---------------------------------------------------------------------------------------------
@@ -357,7 +260,8 @@ void IPCMessageClient::OnRecvIPCMessage(std::shared_ptr<BasePacket> packet) {
     }
 }
 
-void IPCMessageClient::OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> packet) {
+void IPCMessageClient::OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> published) {
+    const auto packet = std::make_shared<BasePacket>(*published); // Bregister may rewrite it
     if (packet->GetMsgType() != MessageType::kPublished || !Bregister(*packet)) {
         return;
     }

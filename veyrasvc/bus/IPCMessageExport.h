@@ -24,7 +24,7 @@
 namespace Vantor::Sentrix {
 
 class BasePacket;
-class ClientLifetime;
+class CallbackQueue;
 class ModuleMessageServer;
 
 // One message. Integers travel as 32 bits; -1 stands for "none".
@@ -128,13 +128,8 @@ protected:
     void OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> packet);
 
 private:
-    struct Job;
-    enum class JobKind { Message, Publication };
-
-    void QueueJob(JobKind kind, std::shared_ptr<BasePacket> packet);
     bool WantsMessage(std::uint32_t msgId);
     void NoteCallbacks();
-    static void RunJob(const Job& job) noexcept;
 
     std::int32_t m_moduleId;
     std::map<int, IPCMessageCallback> m_callbacks;
@@ -144,7 +139,7 @@ private:
     std::atomic<bool> m_hasPublishCallback{false};
     std::recursive_mutex m_subscribeMutex;                                // guards the subscriptions
     std::vector<std::pair<std::uint32_t, std::uint32_t>> m_subscriptions; // module and message id; message 0: any
-    std::shared_ptr<ClientLifetime> m_lifetime;                           // shared with the jobs of this client
+    std::shared_ptr<CallbackQueue> m_queue; // shared with who runs this client's callbacks
 };
 
 // Ends this process's connection for good: what is not sent yet is discarded, waits end without an answer, and no

@@ -27,16 +27,23 @@ BaseMessageClient::BaseMessageClient() {
     Start();
 }
 
+std::array<HANDLE*, 6> BaseMessageClient::Events() {
+    return {&m_readEvent, &m_writeEvent, &m_exitEvent, &m_sendEvent, &m_leadEvent, &m_standByEvent};
+}
+
 bool BaseMessageClient::CreateEvents() {
     m_readEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     m_writeEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     m_exitEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    m_sendEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    return m_readEvent != nullptr && m_writeEvent != nullptr && m_exitEvent != nullptr && m_sendEvent != nullptr;
+    for (HANDLE* event : {&m_sendEvent, &m_leadEvent, &m_standByEvent}) {
+        *event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    }
+    const auto all = Events();
+    return std::none_of(all.begin(), all.end(), [](const HANDLE* event) { return *event == nullptr; });
 }
 
 void BaseMessageClient::CloseEvents() {
-    for (HANDLE* event : {&m_readEvent, &m_writeEvent, &m_exitEvent, &m_sendEvent}) {
+    for (HANDLE* event : Events()) {
         if (*event != nullptr) {
             CloseHandle(*event);
             *event = nullptr;
@@ -233,6 +240,7 @@ std::shared_ptr<BasePacket> BaseMessageClient::WaitForMessage(std::uint32_t msgI
         LOG_ERROR("CReplyWait object alloc failed");
         return nullptr;
     }
+    StepDown();
     if (SendPacket(request) && !IsStopped()) {
         LOG_DEBUG("wait for event. msgId=" << msgId << ", uniqMsgId=" << wait->uniqMsgId);
         const auto answeredWithin = [&wait](DWORD ms) { return WaitForSingleObject(wait->event, ms) == WAIT_OBJECT_0; };

@@ -1,10 +1,16 @@
 // The client engine: the one connection of a process to the bus.
 //
 // The road of a frame out: the sender's thread writes it when nothing is queued before it and it is short. What the
-// pipe does not take at once, long frames, and a rush of frames are queued for the I/O thread, short ones joined.
-// The road in: the I/O thread reads, cuts frames, decodes and routes. Routing wakes waiting senders and queues work
-// items for callbacks, and never runs foreign code; a long body stays where it was read to. So this thread is never
-// held up, and dispatching needs no thread of its own.
+// pipe does not take at once, long frames, and a rush of frames are queued for who serves the connection, short ones
+// joined.
+// The road in: who serves the connection reads, cuts frames, decodes and routes. Routing wakes waiting senders and
+// collects messages for callbacks; a long body stays where it was read to.
+//
+// Who serves (the leader/followers pattern): the I/O thread connects and serves, and makes work items of callbacks.
+// Once callbacks are found to be short, it gives the connection to a leader, a pool thread, which runs them where it
+// has read their messages, so that no thread has to be woken for them. The I/O thread then watches: a leader whom a
+// callback holds up for a tick is relieved of the connection, and one that is about to wait for an answer gives it up
+// by itself. So a slow callback holds up nobody for longer.
 //
 // Waits are woken exactly once: a ReplyWait is on the list from before its request leaves; whoever finds it there (an
 // answer, an offline notice, the end of the connection) stores the outcome, takes it off and then signals. What nobody
@@ -12,13 +18,16 @@
 #pragma once
 
 #include "veyrasvc/bus/BasePacket.h"
+#include "veyrasvc/bus/CallbackBatch.h"
 #include "veyrasvc/bus/Frame.h"
+#include "veyrasvc/bus/Leadership.h"
 #include "veyrasvc/bus/NamedPipeIOCP.h"
 #include "veyrasvc/platform/Win32.h"
 #include "veyrasvc/util/AdaptiveSpin.h"
 #include "veyrasvc/util/LockedContainers.h"
 #include "veyrasvc/util/SlimLock.h"
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -111,6 +120,7 @@ private:
     BaseMessageClient();
     ~BaseMessageClient() = default;
 
+    std::array<HANDLE*, 6> Events();
     bool CreateEvents();
     void CloseEvents();
 
@@ -122,6 +132,18 @@ private:
     bool StopsWithin(DWORD milliseconds) const;
     void Disconnect();
     void ReleaseWaits();
+    void AskForLeader();
+    void HandOverConnection();
+    void StandBy();
+    void TakeConnectionBack();
+
+    // A leader.
+    static DWORD LeadProc(void* engine);
+    void Lead();
+    bool AwaitConnection();
+    void StepDown();
+
+    // Who serves the connection.
     bool MovePipe();
     bool AwaitWork();
     bool ReadWhatIsThere();
@@ -130,10 +152,15 @@ private:
     bool OnWriteComplete();
     bool ExtractFrames(std::size_t length);
     void Deliver(const SharedBytes& frame);
+    bool RunCallbacks();
+    void BeWatched();
     bool PumpWrite(bool& drained);
     bool WriteChunk(bool& written) VEYRA_REQUIRES(m_sendQueue);
     void EndWritten() VEYRA_REQUIRES(m_sendQueue);
     bool MayWriteAtOnce(std::size_t length) const VEYRA_REQUIRES(m_sendQueue);
+    void WriteQueued() VEYRA_REQUIRES(m_sendQueue);
+    void CallWriter();
+    void WriteHeldBack();
 
     void QueueBytes(SharedBytes frame);
     void Enqueue(SharedBytes frame) VEYRA_REQUIRES(m_sendQueue);
@@ -149,16 +176,34 @@ private:
     CommonLock m_lifecycleLock; // serialises Start and Stop
     HANDLE m_workerThread = nullptr;
 
-    // Constant while the engine runs. Manual-reset: read, write, exit; auto-reset: send.
+    // Constant while the engine runs. Manual-reset: read, write, exit; auto-reset: the others.
     HANDLE m_readEvent = nullptr;
     HANDLE m_writeEvent = nullptr;
     HANDLE m_exitEvent = nullptr;
     HANDLE m_sendEvent = nullptr;
+    HANDLE m_leadEvent = nullptr;    // the connection was given to the leader
+    HANDLE m_standByEvent = nullptr; // the leader returned it, or begins callbacks while nobody watches
+
+    Leadership m_leadership;
+    std::atomic<bool> m_candidate{false}; // a leader waits to be given the connection
+    std::atomic<bool> m_watched{false};   // the I/O thread looks at the leader each tick
 
     // Touched only by the I/O thread.
     bool m_connected = false; // the result of the last Connect
-    bool m_reading = false;   // a read is outstanding
-    bool m_readsOn = false;   // it goes on with the frame in m_recvData, rather than into m_readBuffer
+    bool m_leaderAsked = false;
+    std::uint32_t m_lastLeader = 0;
+    std::uint64_t m_watchedPosition = 0; // of the leader's batch at the last tick
+    int m_quietTicks = 0;                // since it moved
+
+    // Touched only by who serves the connection.
+    CallbackBatch m_ownBatch; // the I/O thread's
+    std::shared_ptr<CallbackBatch> m_leadersBatch;
+    CallbackBatch* m_batch = &m_ownBatch;     // the one of the two that collects
+    bool m_wantsLeader = false;               // callbacks were short
+    bool m_broken = false;                    // the connection, as a leader found
+    HANDLE m_readPipe = INVALID_HANDLE_VALUE; // m_pipe, known without a lock
+    bool m_reading = false;                   // a read is outstanding
+    bool m_readsOn = false;                   // it goes on with the frame in m_recvData, rather than into m_readBuffer
     OVERLAPPED m_readOverlapped{};
     char m_readBuffer[kPipeIoBytes];
     FrameCutter m_recvData;
@@ -171,14 +216,17 @@ private:
     };
     LockQueue<Outgoing> m_sendQueue;
     HANDLE m_pipe VEYRA_GUARDED_BY(m_sendQueue) = INVALID_HANDLE_VALUE;
-    bool m_writing VEYRA_GUARDED_BY(m_sendQueue) = false; // a write is outstanding
+    // Both are changed with the lock held.
+    std::atomic<bool> m_writing{false};   // a write is outstanding
+    std::atomic<bool> m_mustWrite{false}; // who serves has to see to the queue
     DWORD m_writeLength VEYRA_GUARDED_BY(m_sendQueue) = 0;
     OVERLAPPED m_writeOverlapped VEYRA_GUARDED_BY(m_sendQueue){};
     Outgoing m_sendRest VEYRA_GUARDED_BY(m_sendQueue);              // what is being written; the write reads from it
     std::size_t m_sendRestOffset VEYRA_GUARDED_BY(m_sendQueue) = 0; // how much of it was handed to the pipe
     std::string m_spareJoined VEYRA_GUARDED_BY(m_sendQueue);        // room for frames to be joined in
     std::chrono::steady_clock::time_point m_lastQueued VEYRA_GUARDED_BY(m_sendQueue); // when a frame came last
-    int m_inRush VEYRA_GUARDED_BY(m_sendQueue) = 0; // frames that have come in close succession
+    int m_inRush VEYRA_GUARDED_BY(m_sendQueue) = 0;        // frames that have come in close succession
+    bool m_heldBack VEYRA_GUARDED_BY(m_sendQueue) = false; // frames wait for the leader's batch to end
 
     mutable SlimLock m_clientsLock;
     std::vector<std::unique_ptr<ClientEntry>> m_clients VEYRA_GUARDED_BY(m_clientsLock);

@@ -1,4 +1,5 @@
-// The engine's thread: the connection to the router, and the dispatch of what comes over it.
+// The connection to the router, and the dispatch of what comes over it. Which thread does it:
+// ModuleMessageClientLead.cpp.
 #include "veyrasvc/bus/ModuleMessageClient.h"
 #include "veyrasvc/util/LogStatement.h"
 
@@ -13,8 +14,6 @@ namespace Vantor::Sentrix {
 
 namespace {
 
-constexpr DWORD kConnectTimeoutMs = 1000;
-constexpr DWORD kReconnectIntervalMs = 1000;
 // A wait for a busy pipe cannot be interrupted, so it is made of slices between which a stop is noticed.
 constexpr DWORD kPipeWaitSliceMs = 50;
 
@@ -22,7 +21,7 @@ constexpr DWORD kPipeWaitSliceMs = 50;
 constexpr std::size_t kTransferBytes = 64 * 1024;
 constexpr std::size_t kLongReadBytes = 256 * 1024;
 // A frame up to this length may be written by its sender. A longer one would keep the sender busy with many writes,
-// which the I/O thread can join.
+// which can be joined.
 constexpr std::size_t kDirectFrameBytes = 32 * 1024;
 // A frame up to this length is joined with others that wait to be written: copying it is cheaper than a write of its
 // own.
@@ -33,31 +32,6 @@ constexpr int kTransfersPerTurn = 64;
 } // namespace
 
 // ---- The connection ------------------------------------------------------------------------------------------------
-
-DWORD BaseMessageClient::WorkerProc(void* engine) {
-    LOG_DEBUG("ModuleMessageClient WorkerProc Thread Id:" << GetCurrentThreadId());
-    LOG_DEBUG("ModuleMessageClient NotifyProc Thread Id:" << GetCurrentThreadId()); // which dispatches as well
-    static_cast<BaseMessageClient*>(engine)->RunConnection();
-    return 0;
-}
-
-void BaseMessageClient::RunConnection() {
-    while (m_stop == 0) {
-        if (!m_connected) {
-            m_connected = Connect(kConnectTimeoutMs);
-            if (!m_connected && StopsWithin(kReconnectIntervalMs)) {
-                break;
-            }
-        } else if (!MovePipe()) {
-            Disconnect();
-        }
-    }
-    Disconnect();
-}
-
-bool BaseMessageClient::StopsWithin(DWORD milliseconds) const {
-    return WaitForSingleObject(m_exitEvent, milliseconds) == WAIT_OBJECT_0;
-}
 
 bool BaseMessageClient::AwaitPipe(DWORD timeoutMs) const {
     for (DWORD waited = 0; waited < timeoutMs && m_stop == 0; waited += kPipeWaitSliceMs) {
@@ -89,7 +63,9 @@ bool BaseMessageClient::Connect(DWORD timeoutMs) {
         const AutoLock lock(&m_sendQueue);
         m_pipe = pipe;
         m_writing = false;
+        m_mustWrite = true; // frames may have come while there was no pipe
     }
+    m_readPipe = pipe;
     UpdatePidMid();
     return true;
 }
@@ -101,6 +77,7 @@ void BaseMessageClient::Disconnect() {
         return;
     }
     m_connected = false;
+    m_broken = false;
     bool writing = false;
     {
         const AutoLock lock(&m_sendQueue);
@@ -141,14 +118,9 @@ bool BaseMessageClient::MovePipe() {
 }
 
 bool BaseMessageClient::AwaitWork() {
-    bool writing = false;
-    {
-        const AutoLock lock(&m_sendQueue);
-        writing = m_writing;
-    }
     // The write event is waited for only while a write is outstanding: a sender that writes by itself sets it as well.
     const HANDLE events[] = {m_readEvent, m_exitEvent, m_sendEvent, m_writeEvent};
-    switch (WaitForMultipleObjects(writing ? 4 : 3, events, FALSE, INFINITE)) {
+    switch (WaitForMultipleObjects(m_writing ? 4 : 3, events, FALSE, INFINITE)) {
     case WAIT_OBJECT_0:
         return OnReadComplete();
     case WAIT_OBJECT_0 + 3:
@@ -182,11 +154,6 @@ bool BaseMessageClient::StartRead(bool& completed) {
     if (m_reading) {
         return true;
     }
-    HANDLE pipe = INVALID_HANDLE_VALUE;
-    {
-        const AutoLock lock(&m_sendQueue);
-        pipe = m_pipe;
-    }
     std::span<char> room;
     try {
         room = m_recvData.Room();
@@ -200,7 +167,7 @@ bool BaseMessageClient::StartRead(bool& completed) {
     m_readOverlapped = {};
     m_readOverlapped.hEvent = m_readEvent;
     const auto length = static_cast<DWORD>(std::min(room.size(), kLongReadBytes));
-    completed = ReadFile(pipe, room.data(), length, nullptr, &m_readOverlapped) != FALSE;
+    completed = ReadFile(m_readPipe, room.data(), length, nullptr, &m_readOverlapped) != FALSE;
     m_reading = completed || GetLastError() == ERROR_IO_PENDING;
     return m_reading;
 }
@@ -210,14 +177,15 @@ bool BaseMessageClient::OnReadComplete() {
     m_reading = false;
     DWORD bytes = 0;
     if (GetOverlappedResult(INVALID_HANDLE_VALUE, &m_readOverlapped, &bytes, TRUE) == FALSE && bytes == 0) {
-        return false;
+        return GetLastError() == ERROR_OPERATION_ABORTED; // a thread that served before has ended, and it with it
     }
-    return ExtractFrames(bytes);
+    return ExtractFrames(bytes) && RunCallbacks();
 }
 
 // Bytes that are out of step are dropped and the connection stays. False: no memory for what is coming.
 bool BaseMessageClient::ExtractFrames(std::size_t length) {
     const auto deliver = [this](const SharedBytes& frame) { Deliver(frame); };
+    const CallbackBatch::Collecting collecting(*m_batch);
     try {
         if (m_readsOn) {
             m_recvData.Filled(length, deliver);
@@ -243,8 +211,8 @@ bool BaseMessageClient::MayWriteAtOnce(std::size_t length) const {
            length <= kDirectFrameBytes;
 }
 
-// Many frames in close succession cost less when the I/O thread writes them together than when each is written by
-// itself. The first few still go at once.
+// Many frames in close succession cost less when who serves the connection writes them together than when each is
+// written by itself. The first few still go at once.
 bool BaseMessageClient::InRush() {
     constexpr std::chrono::microseconds kClose{30};
     constexpr int kFew = 8;
@@ -259,20 +227,50 @@ void BaseMessageClient::QueueBytes(SharedBytes frame) {
     if (IsStopped()) {
         return; // would be discarded with the rest of the queue
     }
+    if (const CallbackBatch* const batch = CallbackBatch::RunHere(); batch != nullptr && batch->MoreFollow()) {
+        Enqueue(std::move(frame));
+        m_heldBack = m_mustWrite = true;
+        return;
+    }
+    if (m_heldBack) {
+        Enqueue(std::move(frame));
+        WriteQueued();
+        return;
+    }
     if (!InRush() && MayWriteAtOnce(frame.bytes.size())) {
         m_sendRest.frame = std::move(frame);
-        bool written = true;
-        while (written && WriteChunk(written)) {
-        }
-        if (!m_sendRest.Bytes().empty()) {
-            SetEvent(m_sendEvent); // the I/O thread does not know yet that there is something to write
-        }
+        WriteQueued();
         return;
     }
     const bool wasIdle = m_sendRest.Bytes().empty() && m_sendQueue.m_items.empty();
     Enqueue(std::move(frame));
     if (wasIdle) {
-        SetEvent(m_sendEvent);
+        CallWriter();
+    }
+}
+
+// On the sender's thread, as far as the pipe takes it.
+void BaseMessageClient::WriteQueued() {
+    m_heldBack = false;
+    bool written = m_pipe != INVALID_HANDLE_VALUE;
+    while (written && WriteChunk(written)) {
+    }
+    if (!m_sendRest.Bytes().empty() || !m_sendQueue.m_items.empty()) {
+        CallWriter();
+    }
+}
+
+// Who serves the connection does not know yet that there is something to write.
+void BaseMessageClient::CallWriter() {
+    m_mustWrite = true;
+    SetEvent(m_sendEvent);
+}
+
+// What callbacks have sent while others were to follow.
+void BaseMessageClient::WriteHeldBack() {
+    const AutoLock lock(&m_sendQueue);
+    if (m_heldBack) {
+        WriteQueued();
     }
 }
 
@@ -331,7 +329,12 @@ void BaseMessageClient::EndWritten() {
     }
 }
 
+// A sender that writes by itself at the moment is not waited for: it calls if anything is left.
 bool BaseMessageClient::PumpWrite(bool& drained) {
+    drained = !m_mustWrite;
+    if (drained) {
+        return true;
+    }
     for (int i = 0; i < kTransfersPerTurn; ++i) {
         const AutoLock lock(&m_sendQueue); // per piece, so that senders are never kept waiting
         bool written = false;
@@ -340,6 +343,7 @@ bool BaseMessageClient::PumpWrite(bool& drained) {
         }
         if (!written) {
             drained = true; // or the pipe takes no more for now
+            m_mustWrite = m_writing.load();
             return true;
         }
     }

@@ -210,7 +210,7 @@ BOOL Pipe::Write(const void* buffer, DWORD count, DWORD* transferred, OVERLAPPED
     if (overlapped == nullptr) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
-    const std::lock_guard guard(m_mutex);
+    std::unique_lock guard(m_mutex);
     Operation operation;
     operation.overlapped = overlapped;
     operation.buffer = const_cast<char*>(static_cast<const char*>(buffer)); // only read from
@@ -226,7 +226,7 @@ BOOL Pipe::Write(const void* buffer, DWORD count, DWORD* transferred, OVERLAPPED
         } else {
             m_port->AddDirtyBytes(count);
         }
-    } else if (!Gather(operation)) {
+    } else if (!Gather(operation) && !SendAtOnce(operation, guard)) {
         m_writes.push_back(std::move(operation));
         FlushWrites();
     }
@@ -237,7 +237,8 @@ BOOL Pipe::Disconnect() {
     if (!m_listener) {
         return Fail(ERROR_INVALID_PARAMETER); // only the server's end disconnects
     }
-    const std::lock_guard guard(m_mutex);
+    std::unique_lock guard(m_mutex);
+    AwaitSent(guard);
     if (m_state == State::Listening) {
         return Fail(ERROR_PIPE_LISTENING);
     }
@@ -260,7 +261,8 @@ void Pipe::OnClose() {
     if (m_listener) {
         m_listener->RemoveWaiting(this);
     }
-    const std::lock_guard guard(m_mutex);
+    std::unique_lock guard(m_mutex);
+    AwaitSent(guard);
     if (m_state == State::Listening) {
         Finish(m_connect, ERROR_HANDLES_CLOSED, 0);
     }
@@ -400,7 +402,7 @@ bool Pipe::IsWorthGathering(const Operation& operation) const {
 }
 
 bool Pipe::Gather(const Operation& operation) {
-    if (!ServedByThisThread() || !m_writes.empty() || !IsWorthGathering(operation)) {
+    if (!ServedByThisThread() || m_sending || !m_writes.empty() || !IsWorthGathering(operation)) {
         return false;
     }
     if (m_gathered.empty() && !TakesAGathering(m_socket.Get())) {
@@ -409,6 +411,39 @@ bool Pipe::Gather(const Operation& operation) {
     }
     Append(operation);
     return true;
+}
+
+// Without the mutex: the write may wake a process that runs in this one's place for a while, and a thread that comes to
+// read meanwhile should not have to wait for that. False when others are before it.
+bool Pipe::SendAtOnce(Operation& operation, std::unique_lock<std::mutex>& guard) {
+    if (m_sending || !m_writable || !m_writes.empty() || !m_gathered.empty()) {
+        return false;
+    }
+    m_sending = true;
+    const int socket = m_socket.Get();
+    guard.unlock();
+    const ssize_t sent = send(socket, operation.buffer, operation.count, MSG_NOSIGNAL | MSG_DONTWAIT);
+    guard.lock();
+    m_sending = false;
+    m_sent.notify_all();
+    if (m_state != State::Connected) {
+        Finish(operation, ERROR_BROKEN_PIPE, 0);
+        return true;
+    }
+    operation.done = static_cast<std::size_t>(std::max<ssize_t>(sent, 0)); // an error comes again with the next attempt
+    if (operation.done == operation.count) {
+        FlushWrites(); // those that have come meanwhile
+        Finish(operation, ERROR_SUCCESS, operation.count);
+        return true;
+    }
+    m_writes.push_front(std::move(operation));
+    FlushWrites();
+    return true;
+}
+
+// The socket stays open while somebody writes to it.
+void Pipe::AwaitSent(std::unique_lock<std::mutex>& guard) {
+    m_sent.wait(guard, [this] { return !m_sending; });
 }
 
 // The socket has room again for what had to wait.
@@ -429,7 +464,7 @@ void Pipe::Append(const Operation& operation) {
 }
 
 void Pipe::FlushWrites() {
-    while (m_state == State::Connected && m_writable && !(m_writes.empty() && m_gathered.empty())) {
+    while (m_state == State::Connected && m_writable && !m_sending && !(m_writes.empty() && m_gathered.empty())) {
         if (!SendSome()) {
             break;
         }

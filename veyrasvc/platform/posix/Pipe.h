@@ -22,6 +22,7 @@
 #include "veyrasvc/platform/posix/UniqueFd.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -85,6 +86,8 @@ private:
     bool SendSome();
     void TakeSent(std::size_t bytes);
     bool ServedByThisThread() const;
+    bool SendAtOnce(Operation& operation, std::unique_lock<std::mutex>& guard);
+    void AwaitSent(std::unique_lock<std::mutex>& guard);
     bool IsWorthGathering(const Operation& operation) const;
     bool Gather(const Operation& operation);
     void GatherQueued();
@@ -95,6 +98,7 @@ private:
     const bool m_admitsEveryone;
 
     std::mutex m_mutex;
+    std::condition_variable m_sent; // m_sending has become false
     // All guarded by m_mutex.
     State m_state;
     UniqueFd m_socket;
@@ -104,6 +108,7 @@ private:
     ReadAhead m_ahead;
     std::string m_gathered;
     std::size_t m_gatheredSent = 0;
+    bool m_sending = false;  // a thread writes to the socket without the mutex
     bool m_readable = false; // the socket may have bytes, or news of its end
     bool m_writable = true;  // the socket may take bytes
     bool m_hungUp = false;   // the other end is gone; bytes may be left to read

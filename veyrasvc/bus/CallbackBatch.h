@@ -1,0 +1,68 @@
+// The callbacks of what one read of the connection has brought.
+//
+// The thread that reads collects them and runs the short ones itself, in their order; the rest becomes work items. It
+// may be held up by one that is not short after all. Somebody else then hands over what has not begun.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace Vantor::Sentrix {
+
+class CallbackQueue;
+
+// Threads: Add, Run and Clear are called by the thread that serves the connection; HandOver and Position by any.
+class CallbackBatch {
+public:
+    // Messages that the calling thread queues go into the batch for as long as one of these lives.
+    class Collecting {
+    public:
+        explicit Collecting(CallbackBatch& batch) { s_collected = &batch; }
+        ~Collecting() { s_collected = nullptr; }
+        Collecting(const Collecting&) = delete;
+        Collecting& operator=(const Collecting&) = delete;
+    };
+    // The batch that the calling thread collects, or runs; null when there is none.
+    static CallbackBatch* CollectedHere() { return s_collected; }
+    static CallbackBatch* RunHere() { return s_run; }
+
+    // `leader`: who runs it, for those who ask (Leadership.h); 0 when nobody does.
+    explicit CallbackBatch(std::uint32_t leader = 0) : m_leader(leader) {}
+    CallbackBatch(const CallbackBatch&) = delete;
+    CallbackBatch& operator=(const CallbackBatch&) = delete;
+
+    std::uint32_t Leader() const { return m_leader; }
+
+    // One message of that queue. False: memory is short.
+    bool Add(std::shared_ptr<CallbackQueue> queue) noexcept;
+    bool Empty() const { return m_queues.empty(); }
+    // Runs or hands over one after another, until all are done or somebody has handed over the rest.
+    void Run();
+    // While one runs: whether another follows on the same thread.
+    bool MoreFollow() const { return m_next.load(std::memory_order_relaxed) < m_queues.size(); }
+    // Work items for all that has not begun. True: some callback among them is known to be short. The one that runs is
+    // taken for slow.
+    bool HandOver();
+    // Only while nobody else can hand over.
+    void Clear();
+
+    // Changes whenever a callback begins.
+    std::uint64_t Position() const { return m_begun.load(std::memory_order_relaxed); }
+
+private:
+    // What `m_next` is from when the rest was handed over. Counting on from it never ends in the range of an index.
+    static constexpr std::size_t kHandedOver = SIZE_MAX / 2;
+
+    static thread_local CallbackBatch* s_collected;
+    static thread_local CallbackBatch* s_run;
+
+    const std::uint32_t m_leader;
+    std::vector<std::shared_ptr<CallbackQueue>> m_queues; // one entry for each message; constant while they run
+    std::atomic<std::size_t> m_next{0};
+    std::atomic<std::uint64_t> m_begun{0};
+};
+
+} // namespace Vantor::Sentrix

@@ -1,0 +1,71 @@
+// The messages of one client that wait for their callback, and the callbacks that run.
+//
+// A message is started by whoever calls RunNext once for it: a work item of its own, or the thread that has read it
+// (CallbackBatch.h), where callbacks of this client are known to be short. Either takes the message that has waited
+// longest, so messages of a client start in the order in which they came, whoever starts them.
+#pragma once
+
+#include "veyrasvc/bus/BasePacket.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+
+namespace Vantor::Sentrix {
+
+class IPCMessageClient;
+
+// Threads: any.
+// Lifetime: shared; outlives its client for as long as somebody is to call RunNext.
+class CallbackQueue : public std::enable_shared_from_this<CallbackQueue> {
+public:
+    // What the client does with a message: looks its callback up and runs it.
+    using Receive = void (IPCMessageClient::*)(std::shared_ptr<BasePacket>);
+
+    explicit CallbackQueue(IPCMessageClient& client) : m_client(client) {}
+
+    // The message is started by the batch that this thread collects, else by a work item.
+    // Fails: where there is neither memory nor a thread for it, the message is lost.
+    void Add(Receive receive, std::shared_ptr<BasePacket> packet);
+    // A work item that calls RunNext. When there is none to be had, the message that came last is dropped.
+    void StartWorkItem();
+    // Runs one callback, unless the client is gone or the engine has stopped.
+    void RunNext() noexcept;
+
+    // Whether this client's callbacks usually take less time than handing them to another thread does.
+    bool RunsShort() const { return m_averageTime.load(std::memory_order_relaxed) < kShort.count(); }
+    // A callback of this client holds the calling thread up.
+    void NoteSlow() { NoteTime(kLongestNoted); }
+
+    // From now on no callback begins; returns when none is running. Those that the calling thread is inside of do not
+    // count: the client is being destroyed from within them.
+    void Close();
+
+private:
+    class Visit;
+    struct Message {
+        Receive receive;
+        std::shared_ptr<BasePacket> packet;
+    };
+    using Clock = std::chrono::steady_clock;
+
+    static constexpr std::chrono::nanoseconds kShort = std::chrono::microseconds(20);
+    static constexpr std::chrono::nanoseconds kLongestNoted = std::chrono::milliseconds(10);
+
+    void NoteTime(std::chrono::nanoseconds took);
+
+    IPCMessageClient& m_client;                                  // valid inside a visit
+    std::atomic<std::int64_t> m_averageTime{2 * kShort.count()}; // of a callback, in nanoseconds
+    std::mutex m_mutex;
+    std::condition_variable m_left;
+    // Guarded by m_mutex.
+    std::deque<Message> m_waiting;
+    bool m_closed = false;
+    int m_visits = 0;
+};
+
+} // namespace Vantor::Sentrix
