@@ -55,8 +55,9 @@ TEST(ThreadPoolTest, GrowsToItsBoundAndStartsFirstWhatWasQueuedFirst) {
     EXPECT_EQ(WaitForSingleObject(ended, kPatienceMs), WAIT_OBJECT_0);
 }
 
-// An item does not depend on what its queuer does next, also when that is a thread that serves a pipe.
-TEST(ThreadPoolTest, AnItemStartsWhateverItsQueuerDoesNext) {
+// An item does not depend on what its queuer does next, nor on the item before it, also when they come from a thread
+// that serves a pipe.
+TEST(ThreadPoolTest, AnItemStartsWhateverItsQueuerAndTheItemBeforeItDo) {
     const Owned port = NewPort();
     const Owned empty = NewPort();
     Connection connection{port};
@@ -66,6 +67,7 @@ TEST(ThreadPoolTest, AnItemStartsWhateverItsQueuerDoesNext) {
     for (int round = 0; round < 60; ++round) {
         std::atomic<bool> ran{false};
         const Owned runs = NewEvent(true);
+        const Owned next = NewEvent(true);
         connection.SendByte(port);
         Thread queuer([&] {
             EventIo reading;
@@ -73,9 +75,11 @@ TEST(ThreadPoolTest, AnItemStartsWhateverItsQueuerDoesNext) {
             EXPECT_TRUE(Begun(reading.Read(connection.client, &byte, 1)));
             EXPECT_EQ(reading.Await(), NO_ERROR);
             QueueItem([&] {
+                EXPECT_EQ(WaitForSingleObject(next, kPatienceMs), WAIT_OBJECT_0);
                 ran = true;
                 SetEvent(runs);
             });
+            QueueItem([&] { SetEvent(next); });
             while (round % 3 == 0 && !ran) {
                 Sleep(round % 2);
             }

@@ -56,10 +56,12 @@ private:
     static constexpr std::chrono::nanoseconds kShort = std::chrono::microseconds(20);
     static constexpr std::chrono::nanoseconds kLongestNoted = std::chrono::milliseconds(10);
 
+    bool IsTimed();
     void NoteTime(std::chrono::nanoseconds took);
 
     IPCMessageClient& m_client;                                  // valid inside a visit
     std::atomic<std::int64_t> m_averageTime{2 * kShort.count()}; // of a callback, in nanoseconds
+    std::atomic<std::uint32_t> m_untimed{0};
     std::mutex m_mutex;
     std::condition_variable m_left;
     // Guarded by m_mutex.

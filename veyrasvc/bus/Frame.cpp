@@ -96,7 +96,9 @@ void FrameCutter::Reserve(std::size_t bytes) {
     if (bytes <= m_capacity) {
         return;
     }
-    const std::size_t capacity = std::min(m_needed, std::max(2 * m_capacity, m_measured ? kReserveLimit : bytes));
+    const std::size_t doubled = std::max(2 * m_capacity, m_measured ? kReserveLimit : bytes);
+    const std::size_t capacity =
+        m_measured && m_needed <= doubled + doubled / 4 ? m_needed : std::min(m_needed, doubled);
     m_capacity = std::max(bytes, capacity);
     auto grown = AllocateStorage(kLead + m_capacity);
     if (m_size > 0) {

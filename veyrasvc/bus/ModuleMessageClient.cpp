@@ -229,8 +229,25 @@ BaseMessageClient::ReplyWait::~ReplyWait() {
     CloseHandle(event);
 }
 
+namespace {
+
+// Counts the calling thread for one scope.
+class WaitCount {
+public:
+    explicit WaitCount(std::atomic<int>& count) : m_count(count) { ++m_count; }
+    ~WaitCount() { --m_count; }
+    WaitCount(const WaitCount&) = delete;
+    WaitCount& operator=(const WaitCount&) = delete;
+
+private:
+    std::atomic<int>& m_count;
+};
+
+} // namespace
+
 std::shared_ptr<BasePacket> BaseMessageClient::WaitForMessage(std::uint32_t msgId, DWORD timeoutMs,
                                                               const std::shared_ptr<BasePacket>& request) {
+    const WaitCount count(m_waits);
     std::shared_ptr<ReplyWait> wait;
     try {
         wait = std::make_shared<ReplyWait>(msgId, request);
@@ -254,6 +271,9 @@ std::shared_ptr<BasePacket> BaseMessageClient::WaitForMessage(std::uint32_t msgI
 }
 
 void BaseMessageClient::WakeupReplyMsg(const std::shared_ptr<BasePacket>& packet) {
+    if (m_waits == 0) {
+        return; // whoever waits has counted itself before its request left
+    }
     std::list<std::shared_ptr<ReplyWait>> answered;
     {
         const AutoLock lock(&m_replyWaits);

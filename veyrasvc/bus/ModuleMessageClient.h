@@ -156,6 +156,7 @@ private:
     void BeWatched();
     bool PumpWrite(bool& drained);
     bool WriteChunk(bool& written) VEYRA_REQUIRES(m_sendQueue);
+    DWORD HandOver(HANDLE pipe, std::string_view bytes, OVERLAPPED& overlapped) VEYRA_REQUIRES(m_sendQueue);
     void EndWritten() VEYRA_REQUIRES(m_sendQueue);
     bool MayWriteAtOnce(std::size_t length) const VEYRA_REQUIRES(m_sendQueue);
     void WriteQueued() VEYRA_REQUIRES(m_sendQueue);
@@ -171,6 +172,7 @@ private:
     bool HasDirectReceiver(std::uint32_t moduleId, bool evenIfForwarded) const;
 
     LockList<std::shared_ptr<ReplyWait>> m_replyWaits;
+    std::atomic<int> m_waits{0}; // on the list, or about to be
     AdaptiveSpin<> m_answerSpin; // of the threads that wait for an answer
     std::atomic<DWORD> m_stop{0};
     CommonLock m_lifecycleLock; // serialises Start and Stop
@@ -217,8 +219,9 @@ private:
     LockQueue<Outgoing> m_sendQueue;
     HANDLE m_pipe VEYRA_GUARDED_BY(m_sendQueue) = INVALID_HANDLE_VALUE;
     // Both are changed with the lock held.
-    std::atomic<bool> m_writing{false};   // a write is outstanding
-    std::atomic<bool> m_mustWrite{false}; // who serves has to see to the queue
+    std::atomic<bool> m_writing{false};                       // a write is outstanding
+    std::atomic<bool> m_mustWrite{false};                     // who serves has to see to the queue
+    bool m_handingOver VEYRA_GUARDED_BY(m_sendQueue) = false; // a thread is about to give the pipe a piece
     DWORD m_writeLength VEYRA_GUARDED_BY(m_sendQueue) = 0;
     OVERLAPPED m_writeOverlapped VEYRA_GUARDED_BY(m_sendQueue){};
     Outgoing m_sendRest VEYRA_GUARDED_BY(m_sendQueue);              // what is being written; the write reads from it

@@ -25,7 +25,7 @@ constexpr std::size_t kLongReadBytes = 256 * 1024;
 constexpr std::size_t kDirectFrameBytes = 32 * 1024;
 // A frame up to this length is joined with others that wait to be written: copying it is cheaper than a write of its
 // own.
-constexpr std::size_t kJoinedFrameBytes = 4 * 1024;
+constexpr std::size_t kJoinedFrameBytes = 8 * 1024;
 // Reads and writes in a row before the other direction has its turn.
 constexpr int kTransfersPerTurn = 64;
 
@@ -81,6 +81,10 @@ void BaseMessageClient::Disconnect() {
     bool writing = false;
     {
         const AutoLock lock(&m_sendQueue);
+        while (m_handingOver) {
+            const AutoUnlock others(m_sendQueue); // a sender is in the middle of a write, which does not wait
+            Sleep(0);
+        }
         CloseHandle(m_pipe);
         m_pipe = INVALID_HANDLE_VALUE;
         writing = m_writing;
@@ -207,17 +211,19 @@ void BaseMessageClient::Deliver(const SharedBytes& frame) {
 // ---- Writing -------------------------------------------------------------------------------------------------------
 
 bool BaseMessageClient::MayWriteAtOnce(std::size_t length) const {
-    return m_pipe != INVALID_HANDLE_VALUE && !m_writing && m_sendRest.Bytes().empty() && m_sendQueue.m_items.empty() &&
+    // What is being written stands in m_sendRest.
+    return m_pipe != INVALID_HANDLE_VALUE && m_sendRest.Bytes().empty() && m_sendQueue.m_items.empty() &&
            length <= kDirectFrameBytes;
 }
 
 // Many frames in close succession cost less when who serves the connection writes them together than when each is
-// written by itself. The first few still go at once.
+// written by itself. The first few still go at once, and one pause does not end a long rush.
 bool BaseMessageClient::InRush() {
     constexpr std::chrono::microseconds kClose{30};
     constexpr int kFew = 8;
+    constexpr int kLong = 64;
     const auto now = std::chrono::steady_clock::now();
-    m_inRush = now - m_lastQueued < kClose ? m_inRush + 1 : 0;
+    m_inRush = now - m_lastQueued < kClose ? std::min(m_inRush + 1, kLong) : m_inRush / 2;
     m_lastQueued = now;
     return m_inRush > kFew;
 }
@@ -237,7 +243,7 @@ void BaseMessageClient::QueueBytes(SharedBytes frame) {
         WriteQueued();
         return;
     }
-    if (!InRush() && MayWriteAtOnce(frame.bytes.size())) {
+    if (MayWriteAtOnce(frame.bytes.size()) && !InRush()) {
         m_sendRest.frame = std::move(frame);
         WriteQueued();
         return;
@@ -249,11 +255,12 @@ void BaseMessageClient::QueueBytes(SharedBytes frame) {
     }
 }
 
-// On the sender's thread, as far as the pipe takes it.
+// On the sender's thread, as far as the pipe takes it; but not all that others queue meanwhile.
 void BaseMessageClient::WriteQueued() {
+    constexpr int kAtMost = 4;
     m_heldBack = false;
     bool written = m_pipe != INVALID_HANDLE_VALUE;
-    while (written && WriteChunk(written)) {
+    for (int i = 0; i < kAtMost && written && WriteChunk(written); ++i) {
     }
     if (!m_sendRest.Bytes().empty() || !m_sendQueue.m_items.empty()) {
         CallWriter();
@@ -289,10 +296,19 @@ void BaseMessageClient::Enqueue(SharedBytes frame) {
     waiting.back().joined += frame.bytes;
 }
 
+// The queue is free meanwhile, so that no other sender waits for the pipe.
+DWORD BaseMessageClient::HandOver(HANDLE pipe, std::string_view bytes, OVERLAPPED& overlapped) {
+    const AutoUnlock others(m_sendQueue);
+    overlapped = {};
+    overlapped.hEvent = m_writeEvent;
+    const auto length = static_cast<DWORD>(bytes.size());
+    return WriteFile(pipe, bytes.data(), length, nullptr, &overlapped) != FALSE ? ERROR_SUCCESS : GetLastError();
+}
+
 // Writes the next piece. `written`: it is done and another may follow. False when the pipe is broken.
 bool BaseMessageClient::WriteChunk(bool& written) {
     written = false;
-    if (m_writing) {
+    if (m_writing || m_handingOver) {
         return true;
     }
     if (m_sendRest.Bytes().empty()) {
@@ -303,10 +319,11 @@ bool BaseMessageClient::WriteChunk(bool& written) {
         m_sendQueue.m_items.pop();
     }
     const std::string_view rest = m_sendRest.Bytes().substr(m_sendRestOffset, kTransferBytes);
-    m_writeOverlapped = {};
-    m_writeOverlapped.hEvent = m_writeEvent;
-    written = WriteFile(m_pipe, rest.data(), static_cast<DWORD>(rest.size()), nullptr, &m_writeOverlapped) != FALSE;
-    if (!written && GetLastError() != ERROR_IO_PENDING) {
+    m_handingOver = true;
+    const DWORD result = HandOver(m_pipe, rest, m_writeOverlapped);
+    m_handingOver = false;
+    written = result == ERROR_SUCCESS;
+    if (!written && result != ERROR_IO_PENDING) {
         return false;
     }
     m_writing = !written;

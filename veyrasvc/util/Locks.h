@@ -82,4 +82,16 @@ private:
     BaseLock* m_lock;
 };
 
+// Frees a lock that the calling thread holds once, for one scope within the guard's.
+class VEYRA_SCOPED_CAPABILITY AutoUnlock {
+public:
+    explicit AutoUnlock(BaseLock& lock) VEYRA_RELEASE(lock) : m_lock(lock) { m_lock.Unlock(); }
+    ~AutoUnlock() VEYRA_ACQUIRE() { m_lock.Lock(); }
+    AutoUnlock(const AutoUnlock&) = delete;
+    AutoUnlock& operator=(const AutoUnlock&) = delete;
+
+private:
+    BaseLock& m_lock;
+};
+
 } // namespace Vantor::Sentrix

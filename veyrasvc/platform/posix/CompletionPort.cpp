@@ -1,7 +1,7 @@
 #include "veyrasvc/platform/posix/CompletionPort.h"
 
 #include "veyrasvc/platform/posix/Pipe.h"
-#include "veyrasvc/platform/posix/PutOff.h"
+#include "veyrasvc/platform/posix/WorkPool.h"
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -118,7 +118,7 @@ bool CompletionPort::Poll(std::unique_lock<std::mutex>& guard, std::int64_t time
     const bool blocks = timeoutMs != 0;
     m_sleepers += blocks ? 1 : 0;
     guard.unlock();
-    BeforeBlocking();
+    WakeForDeferredWork();
     const int limit = timeoutMs < 0 ? -1 : static_cast<int>(std::min<std::int64_t>(timeoutMs, INT_MAX));
     const int count = epoll_wait(m_epoll.Get(), events.data(), kEventsAtOnce, limit);
     guard.lock();

@@ -1,6 +1,5 @@
 #include "veyrasvc/platform/posix/Pipe.h"
 
-#include "veyrasvc/platform/posix/PutOff.h"
 #include "veyrasvc/platform/posix/WorkPool.h"
 
 #include <poll.h>
@@ -19,24 +18,12 @@ namespace {
 // What OVERLAPPED::Internal holds until the operation has completed.
 constexpr ULONG_PTR kPending = 0x103;
 
-// What the serving thread gathers before it writes, and the longest write that is gathered: a longer one is worth a
-// system call of its own, and would cost a copy.
-constexpr std::size_t kGatherBytes = 64 * 1024;
-constexpr std::size_t kGatheredWriteBytes = 8 * 1024;
-
 // More kernel buffer than the default lets a large frame leave in fewer turns. The kernel doubles the value for its
-// own bookkeeping and calls the socket writable while three quarters of it are free, far more than is gathered.
+// own bookkeeping.
 constexpr int kSendBufferBytes = 208 * 1024;
-static_assert(kGatherBytes < kSendBufferBytes);
 
 ULONG_PTR StatusOf(OVERLAPPED* overlapped) {
     return std::atomic_ref(overlapped->Internal).load(std::memory_order_acquire);
-}
-
-// True when the other end is there and the socket takes kGatherBytes at once: what is gathered then counts as written.
-bool TakesAGathering(int socket) {
-    pollfd look{socket, POLLOUT, 0};
-    return poll(&look, 1, 0) == 1 && look.revents == POLLOUT;
 }
 
 void WidenSendBuffer(const UniqueFd& socket) {
@@ -226,7 +213,7 @@ BOOL Pipe::Write(const void* buffer, DWORD count, DWORD* transferred, OVERLAPPED
         } else {
             m_port->AddDirtyBytes(count);
         }
-    } else if (!Gather(operation) && !SendAtOnce(operation, guard)) {
+    } else if (!SendAtOnce(operation, guard)) {
         m_writes.push_back(std::move(operation));
         FlushWrites();
     }
@@ -268,7 +255,6 @@ void Pipe::OnClose() {
     }
     FinishAll(m_reads, ERROR_PIPE_NOT_CONNECTED);
     FinishAll(m_writes, ERROR_PIPE_NOT_CONNECTED);
-    FlushWrites(); // what was gathered counts as written
     UnwatchSocket();
     m_state = State::Closed;
     m_socket.Reset();
@@ -313,30 +299,20 @@ void Pipe::Service() {
 
 void Pipe::Progress(short revents) {
     const std::lock_guard guard(m_mutex);
-    if (BlocksOnlyInWaits() && m_servingThread != GetCurrentThreadId()) {
-        m_servingThread = GetCurrentThreadId();
+    if (BlocksOnlyInWaits()) {
         DeferWorkWakeUps();
     }
     m_readable = m_readable || (revents & (POLLIN | POLLHUP | POLLERR)) != 0;
     m_writable = m_writable || (revents & (POLLOUT | POLLHUP | POLLERR)) != 0;
-    if ((revents & (POLLOUT | POLLHUP | POLLERR)) == POLLOUT && ServedByThisThread()) {
-        GatherQueued();
-    }
     FlushWrites();
     FillReads();
-}
-
-void Pipe::SendGathered() {
-    const std::lock_guard guard(m_mutex);
-    FlushWrites();
 }
 
 int Pipe::PollDescriptor(short& events) {
     const std::lock_guard guard(m_mutex);
     events = 0;
     if (m_state == State::Connected) {
-        events =
-            static_cast<short>((m_reads.empty() ? 0 : POLLIN) | (m_writes.empty() && m_gathered.empty() ? 0 : POLLOUT));
+        events = static_cast<short>((m_reads.empty() ? 0 : POLLIN) | (m_writes.empty() ? 0 : POLLOUT));
     }
     return events == 0 ? -1 : m_socket.Get();
 }
@@ -345,8 +321,6 @@ void Pipe::Break(DWORD error) {
     m_state = State::Broken;
     FinishAll(m_reads, error);
     FinishAll(m_writes, error);
-    m_gathered.clear();
-    m_gatheredSent = 0;
 }
 
 // ---- Reading -------------------------------------------------------------------------------------------------------
@@ -393,30 +367,10 @@ bool Pipe::ReceiveInto(Operation& operation) {
 
 // ---- Writing -------------------------------------------------------------------------------------------------------
 
-bool Pipe::ServedByThisThread() const {
-    return m_servingThread == GetCurrentThreadId();
-}
-
-bool Pipe::IsWorthGathering(const Operation& operation) const {
-    return operation.count <= kGatheredWriteBytes && m_gathered.size() + operation.count <= kGatherBytes;
-}
-
-bool Pipe::Gather(const Operation& operation) {
-    if (!ServedByThisThread() || m_sending || !m_writes.empty() || !IsWorthGathering(operation)) {
-        return false;
-    }
-    if (m_gathered.empty() && !TakesAGathering(m_socket.Get())) {
-        m_writable = false; // not piece by piece into what little room there is: the next wait gathers it
-        return false;
-    }
-    Append(operation);
-    return true;
-}
-
 // Without the mutex: the write may wake a process that runs in this one's place for a while, and a thread that comes to
 // read meanwhile should not have to wait for that. False when others are before it.
 bool Pipe::SendAtOnce(Operation& operation, std::unique_lock<std::mutex>& guard) {
-    if (m_sending || !m_writable || !m_writes.empty() || !m_gathered.empty()) {
+    if (m_sending || !m_writable || !m_writes.empty()) {
         return false;
     }
     m_sending = true;
@@ -446,25 +400,8 @@ void Pipe::AwaitSent(std::unique_lock<std::mutex>& guard) {
     m_sent.wait(guard, [this] { return !m_sending; });
 }
 
-// The socket has room again for what had to wait.
-void Pipe::GatherQueued() {
-    while (!m_writes.empty() && m_writes.front().done == 0 && IsWorthGathering(m_writes.front())) {
-        const Operation operation = std::move(m_writes.front());
-        m_writes.pop_front();
-        Append(operation);
-    }
-}
-
-void Pipe::Append(const Operation& operation) {
-    if (m_gathered.empty()) {
-        PutOffWrites(shared_from_this());
-    }
-    m_gathered.append(operation.buffer, operation.count);
-    Finish(operation, ERROR_SUCCESS, operation.count);
-}
-
 void Pipe::FlushWrites() {
-    while (m_state == State::Connected && m_writable && !m_sending && !(m_writes.empty() && m_gathered.empty())) {
+    while (m_state == State::Connected && m_writable && !m_sending && !m_writes.empty()) {
         if (!SendSome()) {
             break;
         }
@@ -480,15 +417,9 @@ bool Pipe::SendSome() {
     std::array<iovec, kPieces> pieces;
     std::size_t count = 0;
     std::size_t wanted = 0;
-    const auto add = [&](char* data, std::size_t bytes) {
-        pieces[count++] = {data, bytes};
-        wanted += bytes;
-    };
-    if (!m_gathered.empty()) {
-        add(m_gathered.data() + m_gatheredSent, m_gathered.size() - m_gatheredSent);
-    }
     for (auto write = m_writes.begin(); write != m_writes.end() && count < kPieces; ++write) {
-        add(write->buffer + write->done, write->count - write->done);
+        pieces[count++] = {write->buffer + write->done, write->count - write->done};
+        wanted += write->count - write->done;
     }
     msghdr message{};
     message.msg_iov = pieces.data();
@@ -506,21 +437,12 @@ bool Pipe::SendSome() {
     if (errno != EAGAIN && errno != ENOBUFS) {
         // Bytes that came before the other end went can still be read; the writes have failed for good.
         FinishAll(m_writes, ERROR_BROKEN_PIPE);
-        m_gathered.clear();
-        m_gatheredSent = 0;
         m_hungUp = m_readable = true;
     }
     return false;
 }
 
 void Pipe::TakeSent(std::size_t bytes) {
-    const std::size_t fromGathered = std::min(bytes, m_gathered.size() - m_gatheredSent);
-    m_gatheredSent += fromGathered;
-    bytes -= fromGathered;
-    if (m_gatheredSent == m_gathered.size()) {
-        m_gathered.clear();
-        m_gatheredSent = 0;
-    }
     while (!m_writes.empty()) {
         Operation& write = m_writes.front();
         const std::size_t part = std::min(bytes, write.count - write.done);

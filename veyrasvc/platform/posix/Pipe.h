@@ -8,10 +8,7 @@
 // (Progress). The two differ in when they are called and in nothing else.
 //
 // Reads are satisfied from what an earlier read of the socket brought along (the read-ahead); writes leave together as
-// far as they are known. On an event-driven end, short writes of the serving thread itself are gathered, and leave when
-// the buffer is full or when the thread is about to block; a long one goes with them from where it is; every other
-// thread's write goes out at once, and so does that of a serving thread which may block where this code does not see it
-// (BlocksOnlyInWaits).
+// far as they are known. On a port they leave when it is asked, on an event-driven end at once.
 #pragma once
 
 #include "veyrasvc/platform/posix/CompletionPort.h"
@@ -26,7 +23,6 @@
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <string>
 
 namespace Vantor::Sentrix::Platform {
 
@@ -51,9 +47,6 @@ public:
     bool Accept(UniqueFd& socket);
     bool AdmitsEveryone() const { return m_admitsEveryone; }
     std::shared_ptr<CompletionPort> Port();
-
-    // The writes that were put off leave now.
-    void SendGathered();
 
     void Progress(short revents) override;
     int PollDescriptor(short& events) override;
@@ -85,13 +78,8 @@ private:
     void FlushWrites();
     bool SendSome();
     void TakeSent(std::size_t bytes);
-    bool ServedByThisThread() const;
     bool SendAtOnce(Operation& operation, std::unique_lock<std::mutex>& guard);
     void AwaitSent(std::unique_lock<std::mutex>& guard);
-    bool IsWorthGathering(const Operation& operation) const;
-    bool Gather(const Operation& operation);
-    void GatherQueued();
-    void Append(const Operation& operation);
     void WatchForSpace(bool wanted);
 
     const std::shared_ptr<PipeListener> m_listener; // null at the client's end
@@ -106,8 +94,6 @@ private:
     std::deque<Operation> m_writes;
     Operation m_connect; // pending while Listening
     ReadAhead m_ahead;
-    std::string m_gathered;
-    std::size_t m_gatheredSent = 0;
     bool m_sending = false;  // a thread writes to the socket without the mutex
     bool m_readable = false; // the socket may have bytes, or news of its end
     bool m_writable = true;  // the socket may take bytes
@@ -117,7 +103,6 @@ private:
     std::shared_ptr<CompletionPort> m_port;
     ULONG_PTR m_key = 0;
     std::uint64_t m_watchId = 0;
-    DWORD m_servingThread = 0; // of those that block only in waits, the one that last waited for this end
     struct {
         const OVERLAPPED* overlapped = nullptr;
         DWORD error = 0;

@@ -1,6 +1,6 @@
 // Threads: CreateThread and what a thread can say of itself.
-#include "veyrasvc/platform/posix/PutOff.h"
 #include "veyrasvc/platform/posix/Wait.h"
+#include "veyrasvc/platform/posix/WorkPool.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -45,7 +45,7 @@ HANDLE CreateThread(SECURITY_ATTRIBUTES* /*attributes*/, SIZE_T /*stackSize*/, L
         std::thread([thread, start, parameter] {
             isOwnThread = true;
             start(parameter);
-            BeforeBlocking(); // the thread's end comes after all that it did
+            WakeForDeferredWork(); // the thread's end comes after all that it did
             thread->Finish();
         }).detach();
     } catch (const std::system_error&) {
@@ -70,7 +70,7 @@ DWORD GetCurrentProcessId() {
 }
 
 void Sleep(DWORD milliseconds) {
-    BeforeBlocking();
+    WakeForDeferredWork();
     if (milliseconds == 0) {
         std::this_thread::yield();
         return;

@@ -1,6 +1,5 @@
 // WaitForSingleObject and WaitForMultipleObjects.
 #include "veyrasvc/platform/posix/BlockingWaitable.h"
-#include "veyrasvc/platform/posix/PutOff.h"
 #include "veyrasvc/platform/posix/Wait.h"
 #include "veyrasvc/platform/posix/WorkPool.h"
 
@@ -89,7 +88,6 @@ DWORD WaitAny(const Objects& objects, DWORD milliseconds) {
     if (const DWORD index = AcquireFirst(objects); index != kNone) {
         return index;
     }
-    BeforeBlocking();
     const Deadline deadline(milliseconds);
     Waiter& waiter = Waiter::OfThisThread();
     Sources sources;
@@ -115,7 +113,7 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
         return WaitAny({std::move(waitable)}, milliseconds);
     }
     if (const auto blocking = std::dynamic_pointer_cast<BlockingWaitable>(object)) {
-        BeforeBlocking();
+        WakeForDeferredWork();
         return blocking->BlockingWait(milliseconds);
     }
     SetLastError(ERROR_INVALID_HANDLE);

@@ -104,11 +104,11 @@ private:
 
     // Sees to it that somebody takes what is queued; false when there is no thread at all. The caller wakes `woken`.
     bool SeeToItems(Sleeper& woken) {
-        if (BusyThreads() < kEagerThreads) {
-            return AddRunner(woken) || m_threads > 0;
+        const bool added = BusyThreads() - m_blocked < kEagerThreads && AddRunner(woken);
+        if (!added || m_items.size() > 1) {
+            WakeSupervisor(); // the first of the items may block whoever takes it
         }
-        WakeSupervisor();
-        return true;
+        return m_threads > 0;
     }
 
     // A further thread to take items: an idle one, which the caller wakes, else a new one.
@@ -138,9 +138,13 @@ private:
                 const Item item = m_items.front();
                 m_items.pop_front();
                 ++m_started;
+                ++m_running;
+                const std::uint64_t look = m_looks;
                 guard.unlock();
                 item.function(item.context);
                 guard.lock();
+                --m_running;
+                m_blocked -= look < m_blockedAt ? 1 : 0;
             }
             if (!AwaitItems(self, guard)) {
                 --m_threads;
@@ -206,8 +210,15 @@ private:
         if (startedInTick >= kBusyItemsPerTick) {
             return;
         }
-        std::size_t wanted = startedInTick == 0 ? m_items.size() : 1;
-        for (Sleeper woken; wanted > 0 && AddRunner(woken); --wanted) {
+        // What the threads that came in the last tick took first says nothing of the others.
+        const bool blocked = startedInTick <= m_added;
+        if (blocked) {
+            m_blocked = m_running;
+            m_blockedAt = ++m_looks;
+        }
+        std::size_t wanted = blocked ? m_items.size() : 1;
+        m_added = 0;
+        for (Sleeper woken; wanted > 0 && AddRunner(woken); --wanted, ++m_added) {
             Wake(std::exchange(woken, nullptr));
         }
     }
@@ -217,7 +228,12 @@ private:
     std::deque<Item> m_items;
     std::vector<Sleeper> m_idle; // the last one has slept the shortest
     std::size_t m_threads = 0;
-    std::uint64_t m_started = 0; // items taken since the pool began
+    std::size_t m_running = 0;     // threads inside an item
+    std::size_t m_blocked = 0;     // those of them that were inside at the last look that found no progress
+    std::uint64_t m_looks = 0;     // such looks of the supervisor
+    std::uint64_t m_blockedAt = 0; // the last of them
+    std::uint64_t m_added = 0;     // by the supervisor's last look
+    std::uint64_t m_started = 0;   // items taken since the pool began
     Waiter* m_supervisor = nullptr;
     bool m_supervisorAwake = false;
 };
