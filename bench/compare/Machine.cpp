@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <ctime>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -78,6 +79,16 @@ double TicksPerSecond() {
     return ticks;
 }
 
+// To the nanosecond, where ticks are hundredths of a second.
+double ProcessorSeconds(pid_t process) {
+    clockid_t clock{};
+    timespec used{};
+    if (clock_getcpuclockid(process, &clock) != 0 || clock_gettime(clock, &used) != 0) {
+        return 0;
+    }
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+}
+
 // The eighth number of the first line.
 double StolenTicks() {
     std::istringstream line(ReadTextFile("/proc/stat"));
@@ -105,7 +116,7 @@ Usage Usage::Since(const Usage& before) const {
 
 Usage UsageOf(pid_t process) {
     Usage usage;
-    usage.cpuSeconds = StatOf(PathOf(process)).own / TicksPerSecond();
+    usage.cpuSeconds = ProcessorSeconds(process);
     const std::string tasks = PathOf(process) + "/task/";
     for (const std::string& thread : NamesIn(tasks)) {
         const std::string status = ReadTextFile(tasks + thread + "/status");
@@ -119,7 +130,8 @@ Usage UsageOf(pid_t process) {
 Memory MemoryOf(pid_t process) {
     constexpr double kKiBPerMiB = 1024;
     const std::string status = ReadTextFile(PathOf(process) + "/status");
-    return {NumberAfter(status, "VmRSS:") / kKiBPerMiB, NumberAfter(status, "RssAnon:") / kKiBPerMiB};
+    return {NumberAfter(status, "VmRSS:") / kKiBPerMiB, NumberAfter(status, "RssAnon:") / kKiBPerMiB,
+            NumberAfter(status, "VmHWM:") / kKiBPerMiB};
 }
 
 double ForeignCpuSeconds() {

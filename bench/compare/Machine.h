@@ -22,6 +22,7 @@ Usage UsageOf(pid_t process);
 struct Memory {
     double residentMiB = 0;
     double anonymousMiB = 0; // the part that is no file's
+    double peakMiB = 0;      // the most that was ever resident
 };
 
 Memory MemoryOf(pid_t process);

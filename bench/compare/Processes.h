@@ -19,6 +19,15 @@ inline constexpr int kAnyCpu = -1;
 // Fails: silently where there is no such processor; then the measurement says what it says.
 void PinSelf(int cpu);
 
+// While it lives, what is started runs on that processor.
+class Pinned {
+public:
+    explicit Pinned(int cpu) { PinSelf(cpu); }
+    ~Pinned() { PinSelf(kAnyCpu); }
+    Pinned(const Pinned&) = delete;
+    Pinned& operator=(const Pinned&) = delete;
+};
+
 struct Launch {
     std::vector<std::string> command; // a path, or a program that the PATH knows
     std::string log;                  // gets standard error, and standard output unless `output` is given

@@ -5,8 +5,7 @@
 
 #include "bench/compare/Bus.h"
 #include "bench/compare/Machine.h"
-#include "bench/compare/Processes.h"
-#include "tools/veyra/bench/Settings.h"
+#include "bench/compare/RoleProcess.h"
 
 #include <map>
 #include <memory>
@@ -14,36 +13,6 @@
 #include <vector>
 
 namespace Vantor::Sentrix::Compare {
-
-using Tool::Settings;
-
-// The last of what the processes of a session have written, for people.
-std::string LogsIn(const std::string& folder);
-
-// A role in a process of its own, whose log goes into that folder. Ended by the destructor.
-class RoleProcess {
-public:
-    RoleProcess(std::vector<std::string> command, std::string folder, int cpu);
-    ~RoleProcess();
-    RoleProcess(const RoleProcess&) = delete;
-    RoleProcess& operator=(const RoleProcess&) = delete;
-
-    void AwaitReady();
-    // The role begins with what it is there for.
-    void Begin() const;
-    Settings AwaitResult();
-    pid_t Process() const { return m_process; }
-
-private:
-    std::string AwaitLine(std::string_view firstWord);
-    [[noreturn]] void Fail(const std::string& what) const;
-
-    const std::string m_folder;
-    pid_t m_process = 0;
-    Descriptor m_toRole;
-    Descriptor m_fromRole;
-    std::string m_received;
-};
 
 class Session {
 public:

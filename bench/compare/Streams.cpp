@@ -5,6 +5,7 @@
 #include <atomic>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 #include <vector>
 
 namespace Vantor::Sentrix::Compare {
@@ -107,6 +108,12 @@ public:
     std::uint32_t Arrive() { return ++m_arrived; }
     std::uint32_t Arrived() const { return m_arrived; }
     std::uint32_t Measured() const { return m_measured; }
+    // The thread that asks is the one that brings them.
+    static void Await(const std::atomic<bool>& done, Client& client) {
+        while (!done) {
+            client.Poll(true);
+        }
+    }
 
     // The how many-eth of the measured it is.
     std::uint32_t Measure(std::uint32_t number) {
@@ -128,6 +135,8 @@ public:
     std::uint32_t Arrive() { return ++m_arrived; }
     std::uint32_t Arrived() const { return m_arrived; }
     std::uint32_t Measured() const { return m_measured; }
+    // The one that asks need not be woken for each.
+    static void Await(const std::atomic<bool>& done, Client& /*client*/) { done.wait(false); }
 
     std::uint32_t Measure(std::uint32_t number) {
         if (number >= kMost) {
@@ -171,8 +180,12 @@ public:
     Sink(const Sink&) = delete;
     Sink& operator=(const Sink&) = delete;
 
-    // The thread that took the first may be slower than the one that took the last.
-    bool IsDone() const { return m_done && m_begin != 0; }
+    void AwaitAll() {
+        Count::Await(m_done, m_client);
+        while (m_begin == 0) {
+            std::this_thread::yield(); // the thread that took the first was slower than the one that took the last
+        }
+    }
 
     Settings Result() const {
         return Settings()
@@ -196,6 +209,7 @@ private:
             if (m_count.IsComplete(mark)) {
                 m_end = Now();
                 m_done = true;
+                m_done.notify_all();
             }
         }
         if (m_done || arrived % m_quarter == 0) {
@@ -231,9 +245,7 @@ template <class Count> void Receive(Client& client, const Settings& settings, bo
     if (!AwaitLine()) {
         return;
     }
-    while (!sink.IsDone()) {
-        client.Poll(true);
-    }
+    sink.AwaitAll();
     client.Flush();
     SayResult(sink.Result());
     constexpr double kLongerThanAnybodyWaits = 60;

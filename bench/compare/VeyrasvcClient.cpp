@@ -113,7 +113,9 @@ public:
 
     void Poll(bool wait) override {
         if (wait) {
+            m_waits = true;
             m_handled.wait(m_seen);
+            m_waits = false;
         }
         m_seen = m_handled;
     }
@@ -163,12 +165,15 @@ private:
 
     void Handled() {
         ++m_handled;
-        m_handled.notify_all();
+        if (m_waits) {
+            m_handled.notify_all();
+        }
     }
 
     std::int32_t m_requests = 0;
     std::uint32_t m_seen = 0;                   // of m_handled, at the end of the last Poll()
-    std::atomic<std::uint32_t> m_handled{0};    // messages and replies, by the pool
+    std::atomic<std::uint32_t> m_handled{0};    // messages and replies, by callbacks
+    std::atomic<bool> m_waits{false};           // somebody is to be woken for the next
     std::unique_ptr<IPCMessageClient> m_client; // last: its callbacks use the others
 };
 
