@@ -3,6 +3,7 @@
 #include "tests/support/LogCapture.h"
 #include "veyrasvc/bus/BasePacket.h"
 
+#include <random>
 #include <stdexcept>
 
 namespace Vantor::Sentrix {
@@ -159,6 +160,29 @@ TEST_F(ClientTest, MessagesStayInTheProcessUnlessTheyAreForwardedOrForAll) {
     }
 }
 
+TEST_F(ClientTest, ModulesOfOneIdAllReceiveAndStayOnlineUntilTheLastIsGone) {
+    Client client(kMe);
+    for (const int status : {0x10005, 0x10006}) {
+        client.RegisterMessageCallback(
+            status, [&, status](TagIPCMessageItem&) { client.bodies.Put(status == 0x10006 ? "online" : "offline"); });
+    }
+    std::vector<std::unique_ptr<Client>> twins;
+    for (const bool forward : {true, false, true}) {
+        twins.push_back(std::make_unique<Client>(kOther, forward));
+        twins.back()->Collect(20);
+    }
+    for (; !twins.empty(); twins.erase(twins.begin())) {
+        client.PostIPCMessage(Item(kOther, 20, "post"));
+        for (const auto& twin : twins) {
+            EXPECT_EQ(twin->bodies.Take(), "post");
+        }
+        client.QueryModuleStatus(kOther);
+        EXPECT_EQ(client.bodies.Take(), "online");
+    }
+    client.QueryModuleStatus(kOther);
+    EXPECT_EQ(client.bodies.Take(), "offline");
+}
+
 TEST_F(ClientTest, SubscriptionsDecideWhatIsSeen) {
     using Pairs = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
     const std::string about7 = LittleEndian(7);
@@ -195,6 +219,56 @@ TEST_F(ClientTest, SubscriptionsDecideWhatIsSeen) {
         EXPECT_EQ(client.Bregister(packet) ? packet.GetFrom() : 0, one.seenFrom) << &one - cases;
         client.UnRegisterMessageCallbackAll();
         EXPECT_FALSE(client.Bregister(packet));
+    }
+}
+
+// Subscriptions as a list that is looked through from its beginning.
+struct SubscriptionList : std::vector<std::pair<std::uint32_t, std::uint32_t>> {
+    void Remove(std::uint32_t moduleId, std::uint32_t msgId) {
+        std::erase_if(*this,
+                      [=](const auto& one) { return one.first == moduleId && (msgId == 0 || one.second == msgId); });
+    }
+    void Add(std::uint32_t moduleId, std::uint32_t msgId) {
+        Remove(moduleId, msgId);
+        emplace_back(moduleId, msgId);
+    }
+    bool LetsThrough(BasePacket& packet) const {
+        for (const auto& [moduleId, msgId] : *this) {
+            const bool notice =
+                packet.GetFrom() == 0x10000 && (packet.GetMsgId() == 0x10005 || packet.GetMsgId() == 0x10006);
+            if (moduleId != packet.GetFrom() && notice && packet.GetBody().substr(0, 4) == LittleEndian(moduleId)) {
+                packet.SetFrom(moduleId);
+            }
+            if (moduleId == packet.GetFrom() && (msgId == 0 || msgId == packet.GetMsgId())) {
+                return true;
+            }
+        }
+        return false;
+    }
+};
+
+TEST_F(ClientTest, TheEarliestOfManySubscriptionsDecides) {
+    constexpr std::uint32_t kModules[] = {0, 7, 8, 0x10000, 0xFFFFFFFF};
+    constexpr std::uint32_t kMessages[] = {0, 5, 0x10005, 0x10006, 0xFFFFFFFF};
+    std::mt19937 random(1);
+    const auto any = [&](const auto& values) { return values[random() % std::size(values)]; };
+    Client client(kMe);
+    SubscriptionList list;
+    for (int i = 0; i < 20'000; ++i) {
+        const std::uint32_t moduleId = any(kModules);
+        const std::uint32_t msgId = any(kMessages);
+        if (random() % 2 == 0) {
+            client.SubscribeIPCMessage(moduleId, msgId);
+            list.Add(moduleId, msgId);
+        } else {
+            client.UnSubscribeIPCMessage(moduleId, msgId);
+            list.Remove(moduleId, msgId);
+        }
+        const std::string body = LittleEndian(any(kModules)).substr(0, random() % 8 == 0 ? 3 : 4);
+        BasePacket packet = Packet(random() % 2 == 0 ? 0x10000 : any(kModules), any(kMessages), 0x10004, body);
+        BasePacket same = packet;
+        ASSERT_EQ(client.Bregister(packet), list.LetsThrough(same)) << i;
+        ASSERT_EQ(packet.GetFrom(), same.GetFrom()) << i;
     }
 }
 

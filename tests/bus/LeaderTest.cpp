@@ -45,7 +45,7 @@ TEST_F(LeaderTest, ACallbackMayWaitForThoseAfterIt) {
     Tally inside;
     m_client->RegisterMessageCallback(kSpecial, [&](TagIPCMessageItem& item) {
         inside.Add();
-        EXPECT_TRUE(inside.Await(std::stoi(BodyOf(item)))) << "all of a round at the same time";
+        EXPECT_TRUE(inside.Await(std::stoi(BodyOf(item)))) << "all of a round at the same time, not " << inside.Value();
     });
     for (int round = 1; round <= 3; ++round) {
         WarmUp();
@@ -54,6 +54,7 @@ TEST_F(LeaderTest, ACallbackMayWaitForThoseAfterIt) {
         }
         EXPECT_TRUE(inside.Await(round * kMany));
     }
+    m_client.reset(); // waits for those that have not returned yet
 }
 
 TEST_F(LeaderTest, ACallbackMayAskAndDestroyItsClient) {
@@ -91,6 +92,7 @@ TEST_F(LeaderTest, WhatCallbacksSendIsNotLost) {
         came.insert(m_after.Take().value_or("nothing came"));
     }
     EXPECT_EQ(came, expected);
+    m_client.reset();
 }
 
 } // namespace

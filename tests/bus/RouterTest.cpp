@@ -200,6 +200,27 @@ TEST_F(RouterTest, PresenceNoticesTellWhatChanged) {
     EXPECT_EQ(Seen(*m_observer), (Lines{"-5", "-7"}));
 }
 
+TEST_F(RouterTest, OneRegistrationAfterAnotherTellsTheDifference) {
+    const std::pair<std::string, Lines> steps[] = {
+        {"5 6", {"+5"}},
+        {"5 67 ", {"+67"}}, // the 6 had no space yet
+        {"5 67 8 5 7 7 ", {"+7", "+8"}},
+        {"5 67 8 5 7 7 ", {}},
+        {"5 67 8 5 7 ", {}},
+        {"5 67 8 5 ", {"-7"}},
+        {"67 8 5 9 ", {"+9"}},
+        {"67 8", {"-5", "-8", "-9"}},
+        {"67", {"-67"}},
+        {"4 67 ", {"+4", "+67"}},
+        {"2 3 ", {"+2", "+3", "-4", "-67"}},
+    };
+    Peer& peer = Connect();
+    for (const auto& [text, notices] : steps) {
+        peer.Register(kFirstPid, text);
+        EXPECT_EQ(Seen(*m_observer), notices) << text;
+    }
+}
+
 TEST_F(RouterTest, StatusQueriesAreAnsweredToTheAsker) {
     Join(5);
     Seen(*m_observer);

@@ -110,6 +110,14 @@ DWORD WaitAny(const Objects& objects, DWORD milliseconds) {
 DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
     const auto object = FindObject(handle);
     if (auto waitable = std::dynamic_pointer_cast<Waitable>(object)) {
+        if (waitable->TryAcquire()) {
+            WakeForDeferredWork();
+            return WAIT_OBJECT_0;
+        }
+        if (milliseconds == 0 && !waitable->Source()) {
+            WakeForDeferredWork();
+            return WAIT_TIMEOUT; // a look, as those who spin take many
+        }
         return WaitAny({std::move(waitable)}, milliseconds);
     }
     if (const auto blocking = std::dynamic_pointer_cast<BlockingWaitable>(object)) {
