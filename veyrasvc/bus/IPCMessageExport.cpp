@@ -45,6 +45,19 @@ private:
     char* m_buffer = nullptr;
 };
 
+bool IsStatusNotice(const BasePacket& packet, std::uint32_t& about) {
+    const std::uint32_t msgId = packet.GetMsgId();
+    return packet.GetFrom() == ModuleId::kMsgServer &&
+           (msgId == ControlMessage::kModuleOffline || msgId == ControlMessage::kModuleOnline) &&
+           ReadModuleIdBody(packet.GetBody(), about);
+}
+
+// From the first to behind the last.
+template <class Subscriptions> auto SubscriptionsTo(Subscriptions& subscriptions, std::uint32_t moduleId) {
+    constexpr std::uint32_t kLastMessage = std::numeric_limits<std::uint32_t>::max();
+    return std::pair(subscriptions.lower_bound({moduleId, 0}), subscriptions.upper_bound({moduleId, kLastMessage}));
+}
+
 template <class Answer> void CopyIds(Answer& answer, const TagIPCMessageItem& item) {
     answer.toModuleId = item.toModuleId;
     answer.fromModuleId = item.fromModuleId;
@@ -68,6 +81,12 @@ bool IPCMessageClient::WantsMessage(std::uint32_t msgId) {
     return m_callbacks.count(Signed(msgId)) != 0;
 }
 
+// Who publishes gets its own publications too, and mostly wants none of them.
+bool IPCMessageClient::WantsPublication(const BasePacket& packet) {
+    std::uint32_t from = packet.GetFrom();
+    return m_hasPublishCallback && LetsThrough(packet, from);
+}
+
 // With m_callbackMutex held.
 void IPCMessageClient::NoteCallbacks() {
     m_hasCallbacks = !m_callbacks.empty();
@@ -77,14 +96,14 @@ void IPCMessageClient::NoteCallbacks() {
 IPCMessageClient::IPCMessageClient(int moduleId, bool /*unused*/, bool forwardPosts)
     : m_moduleId(moduleId), m_queue(std::make_shared<CallbackQueue>(*this)) {
     BaseMessageClient& engine = BaseMessageClient::Instance();
-    engine.RegisterClient(this, Unsigned(moduleId), forwardPosts, [this](std::shared_ptr<BasePacket> packet) {
+    engine.RegisterClient(this, Unsigned(moduleId), forwardPosts, [this](const std::shared_ptr<BasePacket>& packet) {
         if (packet && WantsMessage(packet->GetMsgId())) {
-            m_queue->Add(&IPCMessageClient::OnRecvIPCMessage, std::move(packet));
+            m_queue->Add(&IPCMessageClient::OnRecvIPCMessage, packet);
         }
     });
-    engine.RegisterPublishHandler(this, Unsigned(moduleId), [this](std::shared_ptr<BasePacket> packet) {
-        if (packet && m_hasPublishCallback) {
-            m_queue->Add(&IPCMessageClient::OnRecvPublishIPCMessage, std::move(packet));
+    engine.RegisterPublishHandler(this, Unsigned(moduleId), [this](const std::shared_ptr<BasePacket>& packet) {
+        if (packet && WantsPublication(*packet)) {
+            m_queue->Add(&IPCMessageClient::OnRecvPublishIPCMessage, packet);
         }
     });
 }
@@ -260,9 +279,10 @@ void IPCMessageClient::OnRecvIPCMessage(std::shared_ptr<BasePacket> packet) {
     }
 }
 
-void IPCMessageClient::OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> published) {
-    const auto packet = std::make_shared<BasePacket>(*published); // Bregister may rewrite it
-    if (packet->GetMsgType() != MessageType::kPublished || !Bregister(*packet)) {
+// The packet is shared with the other receivers of this process, so it stays as it is.
+void IPCMessageClient::OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> packet) {
+    std::uint32_t from = packet->GetFrom();
+    if (packet->GetMsgType() != MessageType::kPublished || !LetsThrough(*packet, from)) {
         return;
     }
     TagIPCMessageItem item;
@@ -272,6 +292,7 @@ void IPCMessageClient::OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> publi
         return;
     }
     owner.Take();
+    item.fromModuleId = Signed(from);
     IPCMessageCallback callback;
     {
         const std::lock_guard guard(m_callbackMutex);
@@ -283,24 +304,33 @@ void IPCMessageClient::OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> publi
 }
 
 bool IPCMessageClient::Bregister(BasePacket& packet) {
-    const bool isNotice =
-        packet.GetFrom() == ModuleId::kMsgServer &&
-        (packet.GetMsgId() == ControlMessage::kModuleOffline || packet.GetMsgId() == ControlMessage::kModuleOnline);
-    std::uint32_t about = 0;
-    const bool namesModule = isNotice && ReadModuleIdBody(packet.GetBody(), about);
+    std::uint32_t from = packet.GetFrom();
+    const bool letsThrough = LetsThrough(packet, from);
+    packet.SetFrom(from);
+    return letsThrough;
+}
+
+// `from` becomes what the packet is to come from, even where no subscription is to its message.
+bool IPCMessageClient::LetsThrough(const BasePacket& packet, std::uint32_t& from) {
+    constexpr std::uint64_t kNone = std::numeric_limits<std::uint64_t>::max();
+    const std::uint32_t msgId = packet.GetMsgId();
     const std::lock_guard guard(m_subscribeMutex);
-    for (const auto& [moduleId, msgId] : m_subscriptions) {
-        if (moduleId != packet.GetFrom()) {
-            if (!namesModule || about != moduleId) {
-                continue;
-            }
-            packet.SetFrom(moduleId);
-        }
-        if (msgId == 0 || msgId == packet.GetMsgId()) {
-            return true;
-        }
+    const auto numberOf = [this](std::uint32_t moduleId, std::uint32_t id) {
+        const auto found = m_subscriptions.find({moduleId, id});
+        return found == m_subscriptions.end() ? kNone : found->second;
+    };
+    const std::uint64_t asItIs = std::min(numberOf(from, 0), numberOf(from, msgId));
+    std::uint32_t about = 0;
+    if (!IsStatusNotice(packet, about) || about == from) {
+        return asItIs != kNone;
     }
-    return false;
+    // The earliest decides, of those that let the notice through as it is and those to the module that it names.
+    const auto [begin, end] = SubscriptionsTo(m_subscriptions, about);
+    if (std::all_of(begin, end, [&](const auto& one) { return one.second > asItIs; })) {
+        return asItIs != kNone;
+    }
+    from = about;
+    return numberOf(about, 0) != kNone || numberOf(about, msgId) != kNone;
 }
 
 // ---- Callbacks and subscriptions -----------------------------------------------------------------------------------
@@ -344,14 +374,18 @@ bool IPCMessageClient::SubscribeIPCMessage(unsigned int moduleId, unsigned int m
         LOG_WARN("UnSubscribeIPCMessage error. moduleId=" << moduleId << ", messageId=" << msgId);
     }
     const std::lock_guard guard(m_subscribeMutex);
-    m_subscriptions.emplace_back(moduleId, msgId);
+    m_subscriptions[{moduleId, msgId}] = ++m_lastSubscription;
     return true;
 }
 
 bool IPCMessageClient::UnSubscribeIPCMessage(unsigned int moduleId, unsigned int msgId) {
     const std::lock_guard guard(m_subscribeMutex);
-    const auto isIt = [&](const auto& one) { return one.first == moduleId && (msgId == 0 || one.second == msgId); };
-    m_subscriptions.erase(std::remove_if(m_subscriptions.begin(), m_subscriptions.end(), isIt), m_subscriptions.end());
+    if (msgId != 0) {
+        m_subscriptions.erase({moduleId, msgId});
+    } else {
+        const auto [begin, end] = SubscriptionsTo(m_subscriptions, moduleId);
+        m_subscriptions.erase(begin, end);
+    }
     return true;
 }
 

@@ -19,7 +19,6 @@
 #include <mutex>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace Vantor::Sentrix {
 
@@ -57,9 +56,10 @@ using IPCMessageCallback = std::function<void(TagIPCMessageItem&)>;
 
 // A module's place on the bus.
 //
-// Threads: every operation may be called from any thread, also from callbacks. Callbacks run on pool threads, each
-// message in a work item of its own, so one client's callbacks may run at the same time and in any order; no lock of
-// the library is held meanwhile. An exception that leaves a callback is logged and dropped.
+// Threads: every operation may be called from any thread, also from callbacks. Callbacks run on pool threads: those
+// that are usually short one after another on the one that has read their messages, others each in a work item of its
+// own. So one client's callbacks may run at the same time and in any order; no lock of the library is held meanwhile.
+// An exception that leaves a callback is logged and dropped.
 // Fails: by result; the operations below say what false means. Nothing throws, with one exception that is named.
 // Lifetime: may be destroyed at any time, also inside one of its own callbacks. The destructor waits for callbacks of
 // this client that run on other threads and drops those that have not begun. A message sent before is still sent.
@@ -128,7 +128,9 @@ protected:
     void OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> packet);
 
 private:
+    bool LetsThrough(const BasePacket& packet, std::uint32_t& from);
     bool WantsMessage(std::uint32_t msgId);
+    bool WantsPublication(const BasePacket& packet);
     void NoteCallbacks();
 
     std::int32_t m_moduleId;
@@ -137,8 +139,10 @@ private:
     std::recursive_mutex m_callbackMutex;    // guards the two above
     std::atomic<bool> m_hasCallbacks{false}; // whether m_callbacks has any
     std::atomic<bool> m_hasPublishCallback{false};
-    std::recursive_mutex m_subscribeMutex;                                // guards the subscriptions
-    std::vector<std::pair<std::uint32_t, std::uint32_t>> m_subscriptions; // module and message id; message 0: any
+    std::recursive_mutex m_subscribeMutex; // guards the two below
+    // Module and message id (message 0: any), each with its number: which was first may decide.
+    std::map<std::pair<std::uint32_t, std::uint32_t>, std::uint64_t> m_subscriptions;
+    std::uint64_t m_lastSubscription = 0;
     std::shared_ptr<CallbackQueue> m_queue; // shared with who runs this client's callbacks
 };
 

@@ -93,12 +93,16 @@ void BaseMessageClient::Stop() {
 
 namespace {
 
-template <class Entries> void RemoveFirstOf(Entries& entries, const IPCMessageClient* owner) {
-    const auto isIts = [owner](const auto& entry) { return entry->owner == owner; };
-    const auto found = std::find_if(entries.begin(), entries.end(), isIts);
-    if (found != entries.end()) {
-        entries.erase(found);
+template <class Entries> auto FindFirstOf(const Entries& entries, const IPCMessageClient* owner) {
+    return std::find_if(entries.begin(), entries.end(), [owner](const auto& entry) { return entry->owner == owner; });
+}
+
+void EraseWord(std::string& text, std::ptrdiff_t place) {
+    std::size_t begin = 0;
+    for (; place > 0; --place) {
+        begin = text.find(' ', begin) + 1;
     }
+    text.erase(begin, text.find(' ', begin) + 1 - begin);
 }
 
 } // namespace
@@ -112,7 +116,9 @@ bool BaseMessageClient::RegisterClient(const IPCMessageClient* owner, std::uint3
     }
     {
         const ExclusiveGuard guard(m_clientsLock);
+        m_clientsById[moduleId].push_back(entry.get());
         m_clients.push_back(std::move(entry));
+        m_registrationText += std::to_string(moduleId) + ' ';
     }
     UpdatePidMid();
     return true;
@@ -121,7 +127,15 @@ bool BaseMessageClient::RegisterClient(const IPCMessageClient* owner, std::uint3
 bool BaseMessageClient::UnregisterClient(const IPCMessageClient* owner) {
     {
         const ExclusiveGuard guard(m_clientsLock);
-        RemoveFirstOf(m_clients, owner);
+        if (const auto entry = FindFirstOf(m_clients, owner); entry != m_clients.end()) {
+            const auto sameId = m_clientsById.find((*entry)->moduleId);
+            std::erase(sameId->second, entry->get());
+            if (sameId->second.empty()) {
+                m_clientsById.erase(sameId);
+            }
+            EraseWord(m_registrationText, entry - m_clients.begin());
+            m_clients.erase(entry);
+        }
     }
     UpdatePidMid();
     return true;
@@ -140,35 +154,37 @@ bool BaseMessageClient::RegisterPublishHandler(const IPCMessageClient* owner, st
 
 bool BaseMessageClient::UnregisterPublishHandler(const IPCMessageClient* owner) {
     const ExclusiveGuard guard(m_publishLock);
-    RemoveFirstOf(m_publishHandlers, owner);
+    if (const auto entry = FindFirstOf(m_publishHandlers, owner); entry != m_publishHandlers.end()) {
+        m_publishHandlers.erase(entry);
+    }
     return true;
 }
 
 void BaseMessageClient::UpdatePidMid() {
     const AutoLock lock(&m_registrationLock);
-    std::string body;
-    {
-        const SharedGuard guard(m_clientsLock);
-        for (const auto& entry : m_clients) {
-            body += std::to_string(entry->moduleId);
-            body += ' ';
-        }
-    }
     BasePacket registration;
     registration.SetFrom(GetCurrentProcessId());
     registration.SetTo(ModuleId::kMsgServer);
     registration.SetMsgId(ControlMessage::kRegistration);
-    registration.SetBody(body);
+    {
+        const SharedGuard guard(m_clientsLock);
+        registration.SetBody(m_registrationText);
+    }
     QueueBytes(registration.ToFrame());
 }
 
 // ---- Sending and routing -------------------------------------------------------------------------------------------
 
+std::span<ClientEntry* const> BaseMessageClient::ClientsOf(std::uint32_t moduleId) const {
+    const auto found = m_clientsById.find(moduleId);
+    return found == m_clientsById.end() ? std::span<ClientEntry* const>() : found->second;
+}
+
 bool BaseMessageClient::HasDirectReceiver(std::uint32_t moduleId, bool evenIfForwarded) const {
     const SharedGuard guard(m_clientsLock);
-    return std::any_of(m_clients.begin(), m_clients.end(), [&](const auto& entry) {
-        return entry->moduleId == moduleId && (evenIfForwarded || !entry->forwardPosts);
-    });
+    const auto clients = ClientsOf(moduleId);
+    return std::any_of(clients.begin(), clients.end(),
+                       [&](const ClientEntry* entry) { return evenIfForwarded || !entry->forwardPosts; });
 }
 
 bool BaseMessageClient::PostPacket(const std::shared_ptr<BasePacket>& packet) {
@@ -208,12 +224,15 @@ void BaseMessageClient::RoutePacket(const std::shared_ptr<BasePacket>& packet) {
         for (const auto& entry : m_publishHandlers) {
             entry->onPacket(packet);
         }
-    } else {
+    } else if (packet->GetTo() == ModuleId::kBroadcast) {
         const SharedGuard guard(m_clientsLock);
         for (const auto& entry : m_clients) {
-            if (packet->GetTo() == ModuleId::kBroadcast || entry->moduleId == packet->GetTo()) {
-                entry->onPacket(packet);
-            }
+            entry->onPacket(packet);
+        }
+    } else {
+        const SharedGuard guard(m_clientsLock);
+        for (const ClientEntry* entry : ClientsOf(packet->GetTo())) {
+            entry->onPacket(packet);
         }
     }
     WakeupReplyMsg(packet);

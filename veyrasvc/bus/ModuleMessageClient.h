@@ -34,15 +34,17 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace Vantor::Sentrix {
 
 class IPCMessageClient;
 
-using PacketFunction = std::function<void(std::shared_ptr<BasePacket>)>;
+using PacketFunction = std::function<void(const std::shared_ptr<BasePacket>&)>;
 
 // A message client of this process, or the receiver of its publications. `onPacket` must not block and must not call
 // back into the engine: it queues work.
@@ -170,6 +172,7 @@ private:
     static void Signal(const std::list<std::shared_ptr<ReplyWait>>& waits);
     static std::shared_ptr<BasePacket> ReplyFor(const ReplyWait& wait, const std::shared_ptr<BasePacket>& packet);
     bool HasDirectReceiver(std::uint32_t moduleId, bool evenIfForwarded) const;
+    std::span<ClientEntry* const> ClientsOf(std::uint32_t moduleId) const VEYRA_REQUIRES_SHARED(m_clientsLock);
 
     LockList<std::shared_ptr<ReplyWait>> m_replyWaits;
     std::atomic<int> m_waits{0}; // on the list, or about to be
@@ -233,6 +236,9 @@ private:
 
     mutable SlimLock m_clientsLock;
     std::vector<std::unique_ptr<ClientEntry>> m_clients VEYRA_GUARDED_BY(m_clientsLock);
+    // Found by module id, those that share one in the order of m_clients.
+    std::unordered_map<std::uint32_t, std::vector<ClientEntry*>> m_clientsById VEYRA_GUARDED_BY(m_clientsLock);
+    std::string m_registrationText VEYRA_GUARDED_BY(m_clientsLock); // the ids of m_clients, each followed by a space
     mutable SlimLock m_publishLock;
     std::vector<std::unique_ptr<PublishEntry>> m_publishHandlers VEYRA_GUARDED_BY(m_publishLock);
     CommonLock m_registrationLock; // a registration is composed and queued in one step, so that the last one is right

@@ -42,17 +42,19 @@ std::string NameOf(unsigned long moduleId) {
 // The PacketIndex of the log lines: advanced when a frame is taken and again when its header is read.
 std::atomic<std::uint32_t> packetCounter{0};
 
-// The ids of a registration text: decimal numbers, each followed by one space. Without digits a number is 0, digits
-// beyond 32 bits wrap around, and what follows the last space does not count.
-std::set<std::uint32_t> ParseModuleIds(const std::string& text) {
-    std::set<std::uint32_t> ids;
-    for (std::size_t begin = 0, end = 0; (end = text.find(' ', begin)) != std::string::npos; begin = end + 1) {
+// The ids of a registration text, in order: decimal numbers, each followed by one space. Without digits a number is 0,
+// digits beyond 32 bits wrap around, and what follows the last space does not count.
+std::vector<std::uint32_t> ParseModuleIds(std::string_view text) {
+    std::vector<std::uint32_t> ids;
+    for (std::size_t begin = 0, end = 0; (end = text.find(' ', begin)) != std::string_view::npos; begin = end + 1) {
         std::uint32_t id = 0;
         for (std::size_t i = begin; i < end && text[i] >= '0' && text[i] <= '9'; ++i) {
             id = id * 10 + static_cast<std::uint32_t>(text[i] - '0');
         }
-        ids.insert(id);
+        ids.push_back(id);
     }
+    std::sort(ids.begin(), ids.end());
+    ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
     return ids;
 }
 
@@ -347,15 +349,25 @@ void ModuleMessageServer::UpdateModuleIds(Connection& connection, const std::str
     if (text.empty()) {
         return;
     }
-    const std::set<std::uint32_t> updated = ParseModuleIds(text);
+    // A process tells all its modules each time. Mostly it has one more: what it told before is not read again.
+    const std::string_view all(text.data(), text.rfind(' ') + 1);
+    const std::size_t known = all.starts_with(connection.m_registered) ? connection.m_registered.size() : 0;
+    const std::vector<std::uint32_t> told = ParseModuleIds(all.substr(known));
+    connection.m_registered = all;
+    const auto isOnline = [&told](std::uint32_t id) { return std::binary_search(told.begin(), told.end(), id); };
     std::vector<std::uint32_t> changed;
     {
         const AutoLock lock(&m_connections);
         const auto& current = connection.m_moduleIds;
-        std::set_symmetric_difference(current.begin(), current.end(), updated.begin(), updated.end(),
-                                      std::back_inserter(changed));
+        if (known == 0) {
+            std::set_symmetric_difference(current.begin(), current.end(), told.begin(), told.end(),
+                                          std::back_inserter(changed));
+        } else {
+            std::copy_if(told.begin(), told.end(), std::back_inserter(changed),
+                         [&current](std::uint32_t id) { return current.count(id) == 0; });
+        }
         for (const std::uint32_t moduleId : changed) {
-            if (updated.count(moduleId) != 0) {
+            if (isOnline(moduleId)) {
                 Link(connection, moduleId);
             } else {
                 Unlink(connection, moduleId);
@@ -363,8 +375,7 @@ void ModuleMessageServer::UpdateModuleIds(Connection& connection, const std::str
         }
     }
     for (const std::uint32_t moduleId : changed) {
-        PublishStatus(moduleId,
-                      updated.count(moduleId) != 0 ? ControlMessage::kModuleOnline : ControlMessage::kModuleOffline);
+        PublishStatus(moduleId, isOnline(moduleId) ? ControlMessage::kModuleOnline : ControlMessage::kModuleOffline);
     }
 }
 

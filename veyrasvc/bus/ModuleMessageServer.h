@@ -45,6 +45,7 @@ private:
         IOCPContext* const m_context;
         std::uint32_t m_pid = 0; // of the client; 0 until its first registration. Touched by the worker only.
         FrameCutter m_recvBuffer;
+        std::string m_registered;            // what m_moduleIds was read from. Touched by the worker only.
         std::set<std::uint32_t> m_moduleIds; // guarded by the lock of m_connections
     };
 
