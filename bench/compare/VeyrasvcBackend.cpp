@@ -33,7 +33,7 @@ Backend Make() {
     backend.name = "veyrasvc";
     backend.kind = Kind::Own;
     backend.program = ProgramBeside("veyra");
-    backend.note = "callbacks on a thread pool, a thread for the connection; any thread may "
+    backend.note = "callbacks on pool threads, watched so that a slow one holds up nobody; any thread may "
                    "send, and connections renew themselves; CRC-32 of every header and payload; native request";
     backend.makeBroker = [] { return std::make_unique<VeyraServe>(); };
     backend.roleProgram = ProgramBeside("veyra-compare-veyrasvc");

@@ -17,12 +17,12 @@ struct Piece {
     char fill;
 };
 
-// Long and short, so that some are recycled, some fit each other, and some are let go of.
+// Long and short, so that some are recycled, some fit each other, some are let go of, and one is the system's own.
 std::vector<Piece> Make(unsigned seed) {
     std::minstd_rand random(seed);
     std::vector<Piece> pieces;
     for (int i = 0; i < 12; ++i) {
-        const std::size_t bytes = std::size_t{1} << (random() % 6 + 16);
+        const std::size_t bytes = std::size_t{1} << (i == 0 ? 25 : random() % 6 + 16);
         pieces.push_back({AllocateStorage(bytes + random() % 1000), bytes, static_cast<char>(random())});
         EXPECT_EQ(reinterpret_cast<std::uintptr_t>(pieces.back().storage.get()) % 16, 0U);
         std::fill_n(pieces.back().storage.get(), bytes, pieces.back().fill);

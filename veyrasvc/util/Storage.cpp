@@ -1,7 +1,10 @@
 #include "veyrasvc/util/Storage.h"
 
+#include "veyrasvc/platform/Win32.h"
+
 #include <algorithm>
 #include <mutex>
+#include <new>
 #include <vector>
 
 namespace Vantor::Sentrix {
@@ -10,7 +13,8 @@ namespace {
 
 constexpr std::size_t kLong = 128 * 1024; // shorter blocks are recycled well enough by the heap
 constexpr std::size_t kRecycledBytes = 4 * 1024 * 1024;
-constexpr std::size_t kStep = 64 * 1024; // blocks for messages of about the same length fit each other
+constexpr std::size_t kLongest = 32 * 1024 * 1024; // a heap would ask the system for longer ones each time
+constexpr std::size_t kStep = 64 * 1024;           // blocks for messages of about the same length fit each other
 
 class Recycler {
 public:
@@ -66,11 +70,22 @@ Recycler& TheRecycler() {
     return *recycler;
 }
 
+std::shared_ptr<char[]> AllocateFromSystem(std::size_t bytes) {
+    void* const block = VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    return {static_cast<char*>(block), [](char* address) { VirtualFree(address, 0, MEM_RELEASE); }};
+}
+
 } // namespace
 
 std::shared_ptr<char[]> AllocateStorage(std::size_t bytes) {
     if (bytes < kLong) {
         return std::make_shared_for_overwrite<char[]>(bytes);
+    }
+    if (bytes >= kLongest) {
+        return AllocateFromSystem(bytes);
     }
     Recycler::Block block = TheRecycler().Take(bytes);
     char* const address = block.bytes.get();

@@ -178,6 +178,15 @@ BOOL HeapFree(HANDLE heap, DWORD flags, void* block);
 HLOCAL LocalAlloc(UINT flags, SIZE_T bytes);
 HLOCAL LocalFree(HLOCAL block);
 
+constexpr DWORD MEM_COMMIT = 0x1000;
+constexpr DWORD MEM_RESERVE = 0x2000;
+constexpr DWORD MEM_RELEASE = 0x8000;
+constexpr DWORD PAGE_READWRITE = 4;
+
+// Zero-filled pages, all of them usable at once.
+void* VirtualAlloc(void* address, SIZE_T bytes, DWORD type, DWORD protection);
+BOOL VirtualFree(void* address, SIZE_T bytes, DWORD type);
+
 // ---- Files ---------------------------------------------------------------------------------------------------------
 
 constexpr DWORD GENERIC_ALL = 0x10000000;
