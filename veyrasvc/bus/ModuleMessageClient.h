@@ -197,13 +197,13 @@ private:
     bool m_connected = false; // the result of the last Connect
     bool m_leaderAsked = false;
     std::uint32_t m_lastLeader = 0;
-    std::uint64_t m_watchedPosition = 0; // of the leader's batch at the last tick
-    int m_quietTicks = 0;                // since it moved
+    std::uint64_t m_watchedPosition = 0;           // of the leader's batch at the last tick
+    int m_quietTicks = 0;                          // since it moved
+    std::shared_ptr<CallbackBatch> m_leadersBatch; // shared with the leader, also one that was relieved
 
     // Touched only by who serves the connection.
-    CallbackBatch m_ownBatch; // the I/O thread's
-    std::shared_ptr<CallbackBatch> m_leadersBatch;
-    CallbackBatch* m_batch = &m_ownBatch;     // the one of the two that collects
+    CallbackBatch m_ownBatch;                 // the I/O thread's
+    CallbackBatch* m_batch = &m_ownBatch;     // the one that collects: this or the leader's
     bool m_wantsLeader = false;               // callbacks were short
     bool m_broken = false;                    // the connection, as a leader found
     HANDLE m_readPipe = INVALID_HANDLE_VALUE; // m_pipe, known without a lock

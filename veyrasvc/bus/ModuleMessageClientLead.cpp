@@ -11,9 +11,10 @@ namespace {
 constexpr DWORD kConnectTimeoutMs = 1000;
 constexpr DWORD kReconnectIntervalMs = 1000;
 
-// How often a leader that runs callbacks is looked at, and for how many ticks after its last callback.
+// How often a leader that runs callbacks is looked at, and for how many ticks after its last callback: about as many as
+// cost what waking the I/O thread for the next one does.
 constexpr DWORD kTickMs = 1;
-constexpr int kQuietTicks = 100;
+constexpr int kQuietTicks = 3;
 
 } // namespace
 
