@@ -86,7 +86,7 @@ private:
 class VEYRA_SCOPED_CAPABILITY AutoUnlock {
 public:
     explicit AutoUnlock(BaseLock& lock) VEYRA_RELEASE(lock) : m_lock(lock) { m_lock.Unlock(); }
-    ~AutoUnlock() VEYRA_ACQUIRE() { m_lock.Lock(); }
+    ~AutoUnlock() VEYRA_RELEASE() { m_lock.Lock(); } // the analysis calls it releasing the guard
     AutoUnlock(const AutoUnlock&) = delete;
     AutoUnlock& operator=(const AutoUnlock&) = delete;
 
