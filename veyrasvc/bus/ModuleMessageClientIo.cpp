@@ -8,6 +8,7 @@
 #include <new>
 #include <span>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 namespace Vantor::Sentrix {
@@ -26,6 +27,8 @@ constexpr std::size_t kDirectFrameBytes = 32 * 1024;
 // A frame up to this length is joined with others that wait to be written: copying it is cheaper than a write of its
 // own.
 constexpr std::size_t kJoinedFrameBytes = 8 * 1024;
+// Joined frames of that many bytes are worth a write; more of them would not make it cheaper.
+constexpr std::size_t kFullBytes = 32 * 1024;
 // Reads and writes in a row before the other direction has its turn.
 constexpr int kTransfersPerTurn = 64;
 
@@ -252,6 +255,8 @@ void BaseMessageClient::QueueBytes(SharedBytes frame) {
     Enqueue(std::move(frame));
     if (wasIdle) {
         CallWriter();
+    } else if (m_sendQueue.m_items.front().joined.size() >= kFullBytes && !m_writing && !m_handingOver) {
+        WriteQueued(); // who serves the connection has not come to it yet
     }
 }
 
@@ -352,6 +357,7 @@ bool BaseMessageClient::PumpWrite(bool& drained) {
     if (drained) {
         return true;
     }
+    std::this_thread::yield(); // a sender that is ready to run adds to what is written together
     for (int i = 0; i < kTransfersPerTurn; ++i) {
         const AutoLock lock(&m_sendQueue); // per piece, so that senders are never kept waiting
         bool written = false;
