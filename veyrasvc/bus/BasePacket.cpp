@@ -17,8 +17,6 @@ constexpr std::size_t kFixedPayloadBytes = 36;
 constexpr std::size_t kIvBytes = 16;
 constexpr std::size_t kIvLengthOffset = 28;
 constexpr std::size_t kFixedFrameBytes = FrameHeader::kSize + kFixedPayloadBytes;
-// Room for a frame's head in front of a body; rounded up, so that the body is aligned for whatever callers put there.
-constexpr std::size_t kHeadRoom = (kFixedFrameBytes + kIvBytes + 15) / 16 * 16;
 
 std::size_t Length32(const char* at) {
     return LoadBigEndian32(at);
@@ -27,10 +25,17 @@ std::size_t Length32(const char* at) {
 } // namespace
 
 void BasePacket::SetBody(std::string_view body) {
+    static_assert(kFixedFrameBytes + kIvBytes <= kHeadRoom && kHeadRoom % 16 == 0);
     CopyBody(body, kHeadRoom);
 }
 
 void BasePacket::CopyBody(std::string_view body, std::size_t headRoom) {
+    if (body.size() <= kShortBody) {
+        m_body = {};
+        m_headRoom = kHeadRoom;
+        m_shortLength = body.copy(m_short + kHeadRoom, body.size());
+        return;
+    }
     m_headRoom = headRoom;
     m_body.storage = AllocateStorage(headRoom + body.size());
     body.copy(m_body.storage.get() + headRoom, body.size());
@@ -48,7 +53,7 @@ void BasePacket::Serialize(StreamWriter& writer) const {
     writer.Write(m_uniqMsgId);
     writer.Write(std::uint32_t{m_encrypted ? 1u : 0u});
     writer.Write(m_iv);
-    writer.Write(std::string(m_body.bytes));
+    writer.Write(std::string(GetBody()));
 }
 
 void BasePacket::Deserialize(StreamReader& reader) {
@@ -103,16 +108,17 @@ bool BasePacket::TakeWhole(const SharedBytes& frame) {
 }
 
 SharedBytes BasePacket::ToFrame() const {
+    const std::string_view body = GetBody();
     const std::size_t headBytes = kFixedFrameBytes + m_iv.size();
-    const std::size_t frameBytes = headBytes + m_body.bytes.size();
+    const std::size_t frameBytes = headBytes + body.size();
     SharedBytes frame{m_body.storage, {}};
     char* head = nullptr;
     if (headBytes <= m_headRoom) {
-        head = m_body.storage.get() + m_headRoom - headBytes;
+        head = (m_body.storage ? m_body.storage.get() : m_short) + m_headRoom - headBytes;
     } else {
         frame.storage = AllocateStorage(frameBytes);
         head = frame.storage.get();
-        m_body.bytes.copy(head + headBytes, m_body.bytes.size());
+        body.copy(head + headBytes, body.size());
     }
     frame.bytes = {head, frameBytes};
 
@@ -127,7 +133,7 @@ SharedBytes BasePacket::ToFrame() const {
     append(m_encrypted ? 1 : 0);
     append(m_iv.size());
     at += m_iv.copy(at, m_iv.size());
-    append(m_body.bytes.size());
+    append(body.size());
     FrameHeader::Write(head, frameBytes - FrameHeader::kSize);
     return frame;
 }
@@ -157,9 +163,10 @@ bool BasePacket::EncryptData(const char* data, std::size_t length, std::string& 
 bool BasePacket::DecryptBody(char*& output, std::size_t& outputLength) const {
     unsigned char* plain = nullptr;
     std::size_t plainLength = 0;
-    if (m_iv.size() != kIvBytes || DecryptPayload(reinterpret_cast<const unsigned char*>(m_iv.data()),
-                                                  reinterpret_cast<const unsigned char*>(m_body.bytes.data()),
-                                                  m_body.bytes.size(), &plain, &plainLength) != 0) {
+    const std::string_view body = GetBody();
+    if (m_iv.size() != kIvBytes ||
+        DecryptPayload(reinterpret_cast<const unsigned char*>(m_iv.data()),
+                       reinterpret_cast<const unsigned char*>(body.data()), body.size(), &plain, &plainLength) != 0) {
         return false;
     }
     if (plainLength == 0) {

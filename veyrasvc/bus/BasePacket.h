@@ -17,8 +17,10 @@ namespace Vantor::Sentrix {
 // Threads: none of its own; once a packet crosses threads it is held by std::shared_ptr and no longer changed.
 class BasePacket {
 public:
-    // Valid as long as this packet or a copy of it.
-    std::string_view GetBody() const { return m_body.bytes; }
+    // Valid as long as this packet.
+    std::string_view GetBody() const {
+        return m_body.storage ? m_body.bytes : std::string_view(m_short + kHeadRoom, m_shortLength);
+    }
     void SetBody(std::string_view body); // copies
     const std::string& GetIv() const { return m_iv; }
     void SetIv(std::string iv) { m_iv = std::move(iv); }
@@ -45,7 +47,8 @@ public:
     void DeserializeFrame(const SharedBytes& frame);
 
     // The packet as one frame. A body that was set is not copied: the frame's head is written in front of it. So of a
-    // packet and its copies only one may do this at a time, and the frame shares their storage.
+    // packet and its copies only one may do this at a time, and the frame shares their storage. Without a storage the
+    // frame, which is short then, is valid as long as this packet.
     SharedBytes ToFrame() const;
     // Appends the frame to `output`. Always true.
     bool BuildFrame(std::string& output) const;
@@ -59,12 +62,20 @@ public:
     bool DecryptBody(char*& output, std::size_t& outputLength) const;
 
 private:
+    // Room for a frame's head in front of a body: 16 bytes of header, 36 of payload and an IV, rounded up, so that the
+    // body is aligned for whatever callers put there.
+    static constexpr std::size_t kHeadRoom = 80;
+    // A body up to this length needs no storage.
+    static constexpr std::size_t kShortBody = 176;
+
     bool TakeWhole(const SharedBytes& frame);
     void CopyBody(std::string_view body, std::size_t headRoom);
 
-    SharedBytes m_body;         // the ciphertext when m_encrypted is set; ends with its storage when that has head room
-    std::size_t m_headRoom = 0; // bytes of the storage in front of the body that a frame's head may be written to
-    std::string m_iv;           // 16 bytes for an encrypted body
+    SharedBytes m_body; // the ciphertext when m_encrypted is set; ends with its storage when that has head room
+    std::size_t m_headRoom = kHeadRoom; // bytes in front of the body that a frame's head may be written to
+    std::size_t m_shortLength = 0;      // of a body without storage
+    alignas(16) mutable char m_short[kHeadRoom + kShortBody];
+    std::string m_iv; // 16 bytes for an encrypted body
     bool m_encrypted = false;
     std::uint32_t m_replyMsgId = 0;
     std::uint32_t m_uniqMsgId = 0;

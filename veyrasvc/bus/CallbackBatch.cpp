@@ -10,24 +10,26 @@ namespace Vantor::Sentrix {
 thread_local CallbackBatch* CallbackBatch::s_collected = nullptr;
 thread_local CallbackBatch* CallbackBatch::s_run = nullptr;
 
-bool CallbackBatch::Add(std::shared_ptr<CallbackQueue> queue) noexcept {
+void CallbackBatch::Add(CallbackQueue& queue, CallbackQueue::Message message) noexcept {
     try {
-        m_queues.push_back(std::move(queue));
-        return true;
+        if (m_entries.empty() || m_entries.back().queue != &queue) {
+            m_queues.push_back(queue.shared_from_this());
+        }
+        m_entries.push_back({&queue, std::move(message)});
     } catch (const std::bad_alloc&) {
-        return false;
+        return;
     }
 }
 
 void CallbackBatch::Run() {
     s_run = this;
-    for (std::size_t i = 0; (i = m_next.fetch_add(1, std::memory_order_acq_rel)) < m_queues.size();) {
+    for (std::size_t i = 0; (i = m_next.fetch_add(1, std::memory_order_acq_rel)) < m_entries.size();) {
         m_begun.store(m_begun.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-        CallbackQueue& queue = *m_queues[i];
-        if (queue.RunsShort()) {
-            queue.RunNext();
+        auto& [queue, message] = m_entries[i];
+        if (queue->RunsShort()) {
+            queue->Run(std::move(message));
         } else {
-            queue.StartWorkItem();
+            queue->Post(std::move(message));
         }
     }
     s_run = nullptr;
@@ -35,18 +37,20 @@ void CallbackBatch::Run() {
 
 bool CallbackBatch::HandOver() {
     const std::size_t first = m_next.exchange(kHandedOver, std::memory_order_acq_rel);
-    if (first > 0 && first <= m_queues.size()) {
-        m_queues[first - 1]->NoteSlow();
+    if (first > 0 && first <= m_entries.size()) {
+        m_entries[first - 1].queue->NoteSlow();
     }
     bool anyShort = false;
-    for (std::size_t i = first; i < m_queues.size(); ++i) {
-        anyShort = anyShort || m_queues[i]->RunsShort();
-        m_queues[i]->StartWorkItem();
+    for (std::size_t i = first; i < m_entries.size(); ++i) {
+        auto& [queue, message] = m_entries[i];
+        anyShort = anyShort || queue->RunsShort();
+        queue->Post(std::move(message));
     }
     return anyShort;
 }
 
 void CallbackBatch::Clear() {
+    m_entries.clear();
     m_queues.clear();
     m_next.store(0, std::memory_order_relaxed);
 }

@@ -4,6 +4,8 @@
 // may be held up by one that is not short after all. Somebody else then hands over what has not begun.
 #pragma once
 
+#include "veyrasvc/bus/CallbackQueue.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -11,8 +13,6 @@
 #include <vector>
 
 namespace Vantor::Sentrix {
-
-class CallbackQueue;
 
 // Threads: Add, Run and Clear are called by the thread that serves the connection; HandOver and Position by any.
 class CallbackBatch {
@@ -36,13 +36,13 @@ public:
 
     std::uint32_t Leader() const { return m_leader; }
 
-    // One message of that queue. False: memory is short.
-    bool Add(std::shared_ptr<CallbackQueue> queue) noexcept;
-    bool Empty() const { return m_queues.empty(); }
+    // A message for that client. Where there is no memory for it, it is lost.
+    void Add(CallbackQueue& queue, CallbackQueue::Message message) noexcept;
+    bool Empty() const { return m_entries.empty(); }
     // Runs or hands over one after another, until all are done or somebody has handed over the rest.
     void Run();
     // While one runs: whether another follows on the same thread.
-    bool MoreFollow() const { return m_next.load(std::memory_order_relaxed) < m_queues.size(); }
+    bool MoreFollow() const { return m_next.load(std::memory_order_relaxed) < m_entries.size(); }
     // Work items for all that has not begun. True: some callback among them is known to be short. The one that runs is
     // taken for slow.
     bool HandOver();
@@ -59,8 +59,14 @@ private:
     static thread_local CallbackBatch* s_collected;
     static thread_local CallbackBatch* s_run;
 
+    struct Entry {
+        CallbackQueue* queue;
+        CallbackQueue::Message message; // taken out by who starts it
+    };
+
     const std::uint32_t m_leader;
-    std::vector<std::shared_ptr<CallbackQueue>> m_queues; // one entry for each message; constant while they run
+    std::vector<Entry> m_entries;                         // as many as they are while they run
+    std::vector<std::shared_ptr<CallbackQueue>> m_queues; // keep those of the entries
     std::atomic<std::size_t> m_next{0};
     std::atomic<std::uint64_t> m_begun{0};
 };

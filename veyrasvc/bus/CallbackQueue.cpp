@@ -12,38 +12,31 @@
 
 namespace Vantor::Sentrix {
 
-// A thread's stay with the client, for the message that has waited longest.
+// A thread's stay with the client.
 class CallbackQueue::Visit {
 public:
-    explicit Visit(CallbackQueue& queue) : m_queue(queue), m_outer(s_innermost) {
-        const std::lock_guard guard(queue.m_mutex);
-        m_entered = !queue.m_closed && !queue.m_waiting.empty();
-        if (m_entered) {
-            m_message = std::move(queue.m_waiting.front());
-            queue.m_waiting.pop_front();
-            ++queue.m_visits;
-        }
+    explicit Visit(CallbackQueue& queue)
+        : m_queue(queue), m_outer(s_innermost), m_entered((queue.m_visits.fetch_add(kVisit) & kClosed) == 0) {
         s_innermost = this;
     }
     ~Visit() {
         s_innermost = m_outer;
-        const std::lock_guard guard(m_queue.m_mutex);
-        m_queue.m_visits -= m_entered ? 1 : 0;
-        if (m_queue.m_closed) {
+        if ((m_queue.m_visits.fetch_sub(kVisit) & kClosed) != 0) {
+            const std::lock_guard guard(m_queue.m_mutex); // who closes has counted, and waits by now
             m_queue.m_left.notify_all();
         }
     }
     Visit(const Visit&) = delete;
     Visit& operator=(const Visit&) = delete;
 
+    // False: the client is gone, or about to be.
     bool Entered() const { return m_entered; }
-    Message& TheMessage() { return m_message; }
 
     // Of this thread, one inside the other.
-    static int CountOfThisThread(const CallbackQueue& queue) {
-        int count = 0;
+    static std::uint32_t CountOfThisThread(const CallbackQueue& queue) {
+        std::uint32_t count = 0;
         for (const Visit* visit = s_innermost; visit != nullptr; visit = visit->m_outer) {
-            count += &visit->m_queue == &queue && visit->m_entered ? 1 : 0;
+            count += &visit->m_queue == &queue ? 1 : 0;
         }
         return count;
     }
@@ -53,52 +46,89 @@ private:
 
     CallbackQueue& m_queue;
     Visit* const m_outer;
-    bool m_entered;
-    Message m_message{};
+    const bool m_entered;
 };
 
 thread_local CallbackQueue::Visit* CallbackQueue::Visit::s_innermost = nullptr;
 
-void CallbackQueue::Add(Receive receive, std::shared_ptr<BasePacket> packet) {
-    try {
-        const std::lock_guard guard(m_mutex);
-        m_waiting.push_back({receive, std::move(packet)});
-    } catch (const std::bad_alloc&) {
-        return;
-    }
-    if (CallbackBatch* const batch = CallbackBatch::CollectedHere();
-        batch == nullptr || !batch->Add(shared_from_this())) {
-        StartWorkItem();
+// ---- Starting messages ---------------------------------------------------------------------------------------------
+
+void CallbackQueue::Add(Message message) noexcept {
+    if (CallbackBatch* const batch = CallbackBatch::CollectedHere()) {
+        batch->Add(*this, std::move(message));
+    } else {
+        Post(std::move(message));
     }
 }
 
-void CallbackQueue::StartWorkItem() {
+void CallbackQueue::Post(Message message) noexcept {
     const auto run = [](void* context) -> DWORD {
         const std::unique_ptr<std::shared_ptr<CallbackQueue>> queue(
             static_cast<std::shared_ptr<CallbackQueue>*>(context));
         (*queue)->RunNext();
         return 0;
     };
-    std::unique_ptr<std::shared_ptr<CallbackQueue>> self(new (std::nothrow) std::shared_ptr(shared_from_this()));
-    const std::lock_guard guard(m_mutex);
-    if (self && QueueUserWorkItem(run, self.get(), WT_EXECUTELONGFUNCTION) != FALSE) {
-        static_cast<void>(self.release());
-    } else if (!m_waiting.empty()) {
-        m_waiting.pop_back();
+    try {
+        auto self = std::make_unique<std::shared_ptr<CallbackQueue>>(shared_from_this());
+        const std::lock_guard guard(m_mutex);
+        m_waiting.push_back(std::move(message));
+        if (QueueUserWorkItem(run, self.get(), WT_EXECUTELONGFUNCTION) != FALSE) {
+            static_cast<void>(self.release());
+        } else {
+            m_waiting.pop_back();
+        }
+        m_waitCount = m_waiting.size();
+    } catch (const std::bad_alloc&) {
+        return;
     }
 }
 
 void CallbackQueue::RunNext() noexcept {
-    Visit visit(*this);
-    if (!visit.Entered() || BaseMessageClient::Instance().IsStopped()) {
+    const Visit visit(*this);
+    if (Message message{}; visit.Entered() && TakeFirst(message)) {
+        Deliver(std::move(message));
+    }
+}
+
+void CallbackQueue::Run(Message message) noexcept {
+    const Visit visit(*this);
+    if (!visit.Entered()) {
         return;
     }
-    auto& [receive, packet] = visit.TheMessage();
-    const auto msgId = packet->GetMsgId();
+    if (m_waitCount != 0) {
+        try {
+            const std::lock_guard guard(m_mutex);
+            m_waiting.push_back(std::move(message));
+        } catch (const std::bad_alloc&) {
+            return;
+        }
+        if (!TakeFirst(message)) {
+            return;
+        }
+    }
+    Deliver(std::move(message));
+}
+
+bool CallbackQueue::TakeFirst(Message& message) {
+    const std::lock_guard guard(m_mutex);
+    if (m_waiting.empty()) {
+        return false; // the client was closed
+    }
+    message = std::move(m_waiting.front());
+    m_waiting.pop_front();
+    m_waitCount = m_waiting.size();
+    return true;
+}
+
+void CallbackQueue::Deliver(Message message) noexcept {
+    if (BaseMessageClient::Instance().IsStopped()) {
+        return;
+    }
+    const auto msgId = message.packet->GetMsgId();
     const bool timed = IsTimed();
     const auto begin = timed ? Clock::now() : Clock::time_point();
     try {
-        (m_client.*receive)(std::move(packet));
+        (m_client.*message.receive)(std::move(message.packet));
     } catch (const std::exception& exception) {
         LOG_ERROR("ipc message callback threw. messageid=" << msgId << ", what=" << exception.what());
     } catch (...) {
@@ -124,12 +154,12 @@ void CallbackQueue::NoteTime(std::chrono::nanoseconds took) {
 }
 
 void CallbackQueue::Close() {
-    const int own = Visit::CountOfThisThread(*this);
+    const std::uint32_t own = Visit::CountOfThisThread(*this);
     std::deque<Message> dropped; // destroyed when the mutex is free
+    m_visits |= kClosed;
     std::unique_lock guard(m_mutex);
-    m_closed = true;
     dropped.swap(m_waiting);
-    m_left.wait(guard, [&] { return m_visits <= own; });
+    m_left.wait(guard, [&] { return m_visits / kVisit <= own; });
 }
 
 } // namespace Vantor::Sentrix

@@ -1,8 +1,8 @@
 // The messages of one client that wait for their callback, and the callbacks that run.
 //
-// A message is started by whoever calls RunNext once for it: a work item of its own, or the thread that has read it
-// (CallbackBatch.h), where callbacks of this client are known to be short. Either takes the message that has waited
-// longest, so messages of a client start in the order in which they came, whoever starts them.
+// A message is started by a work item of its own, or by the thread that has read it (CallbackBatch.h), where callbacks
+// of this client are known to be short. Either starts the one that has waited longest, so messages of a client start in
+// the order in which they came, whoever starts them.
 #pragma once
 
 #include "veyrasvc/bus/BasePacket.h"
@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -20,21 +21,26 @@ namespace Vantor::Sentrix {
 class IPCMessageClient;
 
 // Threads: any.
-// Lifetime: shared; outlives its client for as long as somebody is to call RunNext.
+// Lifetime: shared; outlives its client for as long as somebody is to start a message.
 class CallbackQueue : public std::enable_shared_from_this<CallbackQueue> {
 public:
     // What the client does with a message: looks its callback up and runs it.
     using Receive = void (IPCMessageClient::*)(std::shared_ptr<BasePacket>);
+    struct Message {
+        Receive receive;
+        std::shared_ptr<BasePacket> packet;
+    };
 
     explicit CallbackQueue(IPCMessageClient& client) : m_client(client) {}
 
-    // The message is started by the batch that this thread collects, else by a work item.
-    // Fails: where there is neither memory nor a thread for it, the message is lost.
-    void Add(Receive receive, std::shared_ptr<BasePacket> packet);
-    // A work item that calls RunNext. When there is none to be had, the message that came last is dropped.
-    void StartWorkItem();
-    // Runs one callback, unless the client is gone or the engine has stopped.
-    void RunNext() noexcept;
+    // The message is started by the batch that this thread collects, else by a work item. For all of these: where
+    // there is neither memory nor a thread for it, the message is lost, and nothing begins once the client is gone or
+    // the engine has stopped.
+    void Add(Message message) noexcept;
+    // By a work item.
+    void Post(Message message) noexcept;
+    // By the calling thread, which returns when the callback has. Messages that wait already go first.
+    void Run(Message message) noexcept;
 
     // Whether this client's callbacks usually take less time than handing them to another thread does.
     bool RunsShort() const { return m_averageTime.load(std::memory_order_relaxed) < kShort.count(); }
@@ -47,27 +53,30 @@ public:
 
 private:
     class Visit;
-    struct Message {
-        Receive receive;
-        std::shared_ptr<BasePacket> packet;
-    };
+
+    // Of m_visits.
+    static constexpr std::uint32_t kClosed = 1;
+    static constexpr std::uint32_t kVisit = 2;
+
     using Clock = std::chrono::steady_clock;
 
     static constexpr std::chrono::nanoseconds kShort = std::chrono::microseconds(20);
     static constexpr std::chrono::nanoseconds kLongestNoted = std::chrono::milliseconds(10);
 
+    void RunNext() noexcept;
+    bool TakeFirst(Message& message);
+    void Deliver(Message message) noexcept;
     bool IsTimed();
     void NoteTime(std::chrono::nanoseconds took);
 
     IPCMessageClient& m_client;                                  // valid inside a visit
     std::atomic<std::int64_t> m_averageTime{2 * kShort.count()}; // of a callback, in nanoseconds
     std::atomic<std::uint32_t> m_untimed{0};
+    std::atomic<std::uint32_t> m_visits{0}; // kVisit for each, and kClosed
     std::mutex m_mutex;
     std::condition_variable m_left;
-    // Guarded by m_mutex.
-    std::deque<Message> m_waiting;
-    bool m_closed = false;
-    int m_visits = 0;
+    std::deque<Message> m_waiting;           // guarded by m_mutex
+    std::atomic<std::size_t> m_waitCount{0}; // their number, known without the mutex
 };
 
 } // namespace Vantor::Sentrix

@@ -98,12 +98,12 @@ IPCMessageClient::IPCMessageClient(int moduleId, bool /*unused*/, bool forwardPo
     BaseMessageClient& engine = BaseMessageClient::Instance();
     engine.RegisterClient(this, Unsigned(moduleId), forwardPosts, [this](const std::shared_ptr<BasePacket>& packet) {
         if (packet && WantsMessage(packet->GetMsgId())) {
-            m_queue->Add(&IPCMessageClient::OnRecvIPCMessage, packet);
+            m_queue->Add({&IPCMessageClient::OnRecvIPCMessage, packet});
         }
     });
     engine.RegisterPublishHandler(this, Unsigned(moduleId), [this](const std::shared_ptr<BasePacket>& packet) {
         if (packet && WantsPublication(*packet)) {
-            m_queue->Add(&IPCMessageClient::OnRecvPublishIPCMessage, packet);
+            m_queue->Add({&IPCMessageClient::OnRecvPublishIPCMessage, packet});
         }
     });
 }
@@ -177,7 +177,7 @@ bool IPCMessageClient::ConvertPacketToMessage(TagIPCMessageItem& item,
 // ---- Sending -------------------------------------------------------------------------------------------------------
 
 bool IPCMessageClient::PostIPCMessage(const TagIPCMessageItem& item) const {
-    auto packet = std::make_shared<BasePacket>();
+    auto packet = std::make_shared_for_overwrite<BasePacket>();
     return ConvertMessageToPacket(packet, item) && BaseMessageClient::Instance().PostPacket(packet);
 }
 
@@ -198,7 +198,7 @@ bool IPCMessageClient::QueryModuleStatus(int moduleId) const {
 
 bool IPCMessageClient::SendIPCMessage(TagIPCMessageItem& request, int replyMsgId, unsigned int timeoutMs,
                                       IPCMessageCallback onReply) const {
-    auto packet = std::make_shared<BasePacket>();
+    auto packet = std::make_shared_for_overwrite<BasePacket>();
     if (!ConvertMessageToPacket(packet, request)) {
         return false;
     }

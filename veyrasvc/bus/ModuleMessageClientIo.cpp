@@ -206,7 +206,7 @@ bool BaseMessageClient::ExtractFrames(std::size_t length) {
 }
 
 void BaseMessageClient::Deliver(const SharedBytes& frame) {
-    const auto packet = std::make_shared<BasePacket>();
+    const auto packet = std::make_shared_for_overwrite<BasePacket>();
     packet->DeserializeFrame(frame);
     DispatchRecvPackage(packet);
 }
@@ -247,7 +247,11 @@ void BaseMessageClient::QueueBytes(SharedBytes frame) {
         return;
     }
     if (MayWriteAtOnce(frame.bytes.size()) && !InRush()) {
-        m_sendRest.frame = std::move(frame);
+        if (frame.storage) {
+            m_sendRest.frame = std::move(frame);
+        } else {
+            m_sendRest.joined = frame.bytes;
+        }
         WriteQueued();
         return;
     }
@@ -346,7 +350,8 @@ void BaseMessageClient::EndWritten() {
             m_spareJoined = std::move(m_sendRest.joined); // for the next rush
             m_spareJoined.clear();
         }
-        m_sendRest = {};
+        m_sendRest.frame = {};
+        m_sendRest.joined.clear();
         m_sendRestOffset = 0;
     }
 }
