@@ -32,7 +32,8 @@ void ToFrame(benchmark::State& state) {
 }
 
 void CheckPayload(benchmark::State& state) {
-    const SharedBytes frame = PacketOf(Bytes(Size(state))).ToFrame();
+    const BasePacket packet = PacketOf(Bytes(Size(state)));
+    const SharedBytes frame = packet.ToFrame();
     Measure(state, [&] { return FrameHeader::IsPayloadIntact(frame.bytes); });
 }
 
@@ -54,7 +55,7 @@ void CutRun(benchmark::State& state) {
     FrameCutter cutter;
     Measure(state, [&] {
         std::size_t cut = 0;
-        return cutter.Feed(frames, [&](const SharedBytes& frame) { cut += frame.bytes.size(); }) &&
+        return cutter.Feed({nullptr, frames}, [&](const SharedBytes& frame) { cut += frame.bytes.size(); }) &&
                cut == frames.size();
     });
 }
@@ -78,13 +79,15 @@ void CutBroken(benchmark::State& state) {
     Measure(state, [&] {
         bool isCut = false;
         const auto handle = [&](const SharedBytes& one) { isCut = one.bytes.size() == frame.size(); };
-        return cutter.Feed(frame.substr(0, 40), handle) && !isCut && cutter.Feed(frame.substr(40), handle) && isCut;
+        return cutter.Feed({nullptr, frame.substr(0, 40)}, handle) && !isCut &&
+               cutter.Feed({nullptr, frame.substr(40)}, handle) && isCut;
     });
 }
 
 // From a frame in somebody else's buffer, so that the body is copied. Where a frame has storage, nothing is.
 void Decode(benchmark::State& state) {
-    const SharedBytes frame = PacketOf(Bytes(Size(state))).ToFrame();
+    const BasePacket packet = PacketOf(Bytes(Size(state)));
+    const SharedBytes frame = packet.ToFrame();
     Measure(state, [&] {
         BasePacket packet;
         packet.DeserializeFrame({nullptr, frame.bytes});

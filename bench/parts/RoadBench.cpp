@@ -48,12 +48,12 @@ private:
     void Read(std::string_view sent) {
         const auto arrive = [this](const SharedBytes& frame) { Decode(frame); };
         while (!sent.empty()) {
-            const std::span<char> room = m_cutter.Room();
+            const std::span<char> room = m_cutter.Room(sizeof m_buffer);
             const std::size_t length = std::min(sent.size(), room.empty() ? sizeof m_buffer : room.size());
             std::memcpy(room.empty() ? m_buffer : room.data(), sent.data(), length);
             sent.remove_prefix(length);
             if (room.empty()) {
-                m_cutter.Feed({m_buffer, length}, arrive);
+                m_cutter.Feed({nullptr, {m_buffer, length}}, arrive);
             } else {
                 m_cutter.Filled(length, arrive);
             }

@@ -48,17 +48,19 @@ std::string FrameOf(const BasePacket& packet) {
 // The frames that are found in the pieces, and whether they stay in step. Inside a long frame the bytes may be put
 // where they belong.
 std::pair<Frames, bool> Cut(const Frames& pieces, bool usesRoom) {
+    constexpr std::size_t kWorthwhile = 4096;
     FrameCutter cutter;
     Frames frames;
     const auto keep = [&](const SharedBytes& one) { frames.emplace_back(one.bytes); };
     bool inStep = true;
     for (std::string_view piece : pieces) {
-        for (auto room = cutter.Room(); usesRoom && !room.empty() && !piece.empty(); room = cutter.Room()) {
+        for (auto room = cutter.Room(kWorthwhile); usesRoom && !room.empty() && !piece.empty();
+             room = cutter.Room(kWorthwhile)) {
             const std::size_t put = piece.copy(room.data(), room.size());
             cutter.Filled(put, keep);
             piece.remove_prefix(put);
         }
-        inStep = inStep && cutter.Feed(piece, keep);
+        inStep = inStep && cutter.Feed({nullptr, piece}, keep);
     }
     return {frames, inStep};
 }

@@ -19,9 +19,6 @@ constexpr std::size_t kReserveLimit = 16 * 1024 * 1024;
 // whatever callers put there.
 constexpr std::size_t kLead = 12;
 
-// Fewer bytes are as well read with what follows them.
-constexpr std::size_t kRoomWorthwhile = 4096;
-
 } // namespace
 
 void FrameHeader::Write(char* frame, std::size_t payloadLength) {
@@ -107,8 +104,8 @@ void FrameCutter::Reserve(std::size_t bytes) {
     m_storage = std::move(grown);
 }
 
-std::span<char> FrameCutter::Room() {
-    if (!m_measured || m_needed - m_size < kRoomWorthwhile) {
+std::span<char> FrameCutter::Room(std::size_t worthwhile) {
+    if (!m_measured || m_needed - m_size < worthwhile) {
         return {};
     }
     if (m_size == m_capacity) {

@@ -9,6 +9,7 @@
 #include <memory>
 #include <span>
 #include <string_view>
+#include <utility>
 
 namespace Vantor::Sentrix {
 
@@ -40,19 +41,21 @@ struct SharedBytes {
 // Threads: one at a time.
 class FrameCutter {
 public:
-    // Hands every frame that is whole now to `handle(const SharedBytes&)`: the header is included; without a storage
-    // the bytes are valid during the call only. False when the bytes are out of step: everything held is dropped and
-    // nothing of these bytes is kept.
-    template <class Handler> bool Feed(std::string_view bytes, Handler&& handle) {
-        while (!bytes.empty()) {
-            const std::size_t whole = m_size == 0 ? LengthOfFirst(bytes) : kIncomplete;
+    // Hands every frame that is whole now to `handle(const SharedBytes&)`: the header is included. It has the storage
+    // of the bytes, or one of its own when it came in pieces; without a storage it is valid during the call only. False
+    // when the bytes are out of step: everything held is dropped and nothing of these bytes is kept.
+    template <class Handler> bool Feed(const SharedBytes& bytes, Handler&& handle) {
+        SharedBytes frame = bytes; // one for all, as a count of holders is not free
+        for (std::string_view rest = bytes.bytes; !rest.empty();) {
+            const std::size_t whole = m_size == 0 ? LengthOfFirst(rest) : kIncomplete;
             if (whole == kCorrupt) {
                 return false;
             }
             if (whole != kIncomplete) {
-                handle(SharedBytes{nullptr, bytes.substr(0, whole)}); // from where it is, without a copy
-                bytes.remove_prefix(whole);
-            } else if (!Gather(bytes)) {
+                frame.bytes = rest.substr(0, whole); // from where it is, without a copy
+                handle(std::as_const(frame));
+                rest.remove_prefix(whole);
+            } else if (!Gather(rest)) {
                 return false;
             } else if (IsWhole()) {
                 handle(TakeHeld());
@@ -61,9 +64,10 @@ public:
         return true;
     }
 
-    // Where the next bytes may be stored directly instead of being fed: inside a long frame, else nowhere. Valid until
-    // the next call of another operation. `Filled` says how many have been.
-    std::span<char> Room();
+    // Where the next bytes may be stored directly instead of being fed: inside a frame that misses at least
+    // `worthwhile` bytes, else nowhere. Valid until the next call of another operation. `Filled` says how many have
+    // been.
+    std::span<char> Room(std::size_t worthwhile);
     template <class Handler> void Filled(std::size_t bytes, Handler&& handle) {
         m_size += bytes;
         if (IsWhole()) {

@@ -210,7 +210,7 @@ private:
     bool m_reading = false;                   // a read is outstanding
     bool m_readsOn = false;                   // it goes on with the frame in m_recvData, rather than into m_readBuffer
     OVERLAPPED m_readOverlapped{};
-    char m_readBuffer[kPipeIoBytes];
+    char m_readBuffer[64 * 1024];
     FrameCutter m_recvData;
 
     // The writing side: the send queue's lock guards all of it.

@@ -30,7 +30,7 @@ constexpr std::size_t kJoinedFrameBytes = 8 * 1024;
 // Joined frames of that many bytes are worth a write; more of them would not make it cheaper.
 constexpr std::size_t kFullBytes = 32 * 1024;
 // Reads and writes in a row before the other direction has its turn.
-constexpr int kTransfersPerTurn = 64;
+constexpr int kTransfersPerTurn = 8;
 
 } // namespace
 
@@ -163,7 +163,7 @@ bool BaseMessageClient::StartRead(bool& completed) {
     }
     std::span<char> room;
     try {
-        room = m_recvData.Room();
+        room = m_recvData.Room(sizeof m_readBuffer);
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -197,7 +197,7 @@ bool BaseMessageClient::ExtractFrames(std::size_t length) {
         if (m_readsOn) {
             m_recvData.Filled(length, deliver);
         } else {
-            m_recvData.Feed({m_readBuffer, length}, deliver);
+            m_recvData.Feed({nullptr, {m_readBuffer, length}}, deliver);
         }
         return true;
     } catch (const std::bad_alloc&) {

@@ -6,6 +6,7 @@
 #include "veyrasvc/util/ByteOrder.h"
 #include "veyrasvc/util/LogStatement.h"
 #include "veyrasvc/util/MemoryReport.h"
+#include "veyrasvc/util/Storage.h"
 
 #include <algorithm>
 #include <iterator>
@@ -19,7 +20,11 @@ namespace {
 
 constexpr std::size_t kMaxConnections = 100;
 constexpr std::size_t kLongestRead = 256 * 1024; // of one read into a long frame
-constexpr std::size_t kHeaderFieldBytes = 16;    // of the payload, as far as the router reads it
+constexpr std::size_t kBlockBytes = 64 * 1024;   // of one read from a busy connection
+constexpr std::size_t kKeptBlocks = 8;
+// Less than this is copied to be sent: a slow receiver must not hold whole blocks for the sake of a few bytes.
+constexpr std::size_t kSharedRunBytes = kBlockBytes / 8;
+constexpr std::size_t kHeaderFieldBytes = 16; // of the payload, as far as the router reads it
 
 // Display names for the packet log; shared by the whole process and never destroyed, because the worker may log while
 // the process exits.
@@ -161,42 +166,62 @@ void ModuleMessageServer::OnRecvData(IOCPContext* context, IOCPBuffer* buffer) {
     }
     const AutoLock lock(connection);
     const auto handle = [&](const SharedBytes& frame) { HandlePacket(*connection, frame); };
-    bool inStep = false;
+    bool inStep = true;
     try {
-        if (buffer->m_storage) {
+        if (buffer->m_storage && buffer->m_storage == connection->m_recvBuffer.Storage()) {
             connection->m_recvBuffer.Filled(buffer->m_length, handle);
-            inStep = true;
         } else {
-            inStep = connection->m_recvBuffer.Feed({buffer->m_data, buffer->m_length}, handle);
+            connection->m_busy = buffer->m_length >= kPipeIoBytes;
+            inStep = connection->m_recvBuffer.Feed({buffer->m_storage, {buffer->m_data, buffer->m_length}}, handle);
         }
         SendRun(*connection);
     } catch (const std::bad_alloc&) {
         LOG_ERROR("no memory for a frame; the connection is closed. pid=" << connection->m_pid);
         connection->m_recvBuffer.Clear();
         m_run = {};
+        inStep = false;
     }
     if (!inStep) {
         ClosePipe(context);
     }
 }
 
-// The rest of a long frame is read where it belongs.
+// The rest of a long frame is read where it belongs. Where much comes, it is read into a block from which it can be
+// sent.
 void ModuleMessageServer::OnBeforeRead(IOCPContext* context, IOCPBuffer* buffer) {
     Connection* const connection = Find(context);
     if (connection == nullptr) {
         return;
     }
     const AutoLock lock(connection);
+    const std::size_t otherRoom = connection->m_busy ? kBlockBytes : kPipeIoBytes;
     try {
-        if (const std::span<char> room = connection->m_recvBuffer.Room(); !room.empty()) {
+        if (const std::span<char> room = connection->m_recvBuffer.Room(otherRoom); !room.empty()) {
             buffer->m_data = room.data();
             buffer->m_length = static_cast<DWORD>(std::min(room.size(), kLongestRead));
             buffer->m_storage = connection->m_recvBuffer.Storage();
+        } else if (connection->m_busy) {
+            buffer->m_storage = FreeBlock();
+            buffer->m_data = buffer->m_storage.get();
+            buffer->m_length = kBlockBytes;
         }
     } catch (const std::bad_alloc&) {
         LOG_ERROR("no memory for a frame; the connection is closed. pid=" << connection->m_pid);
         ClosePipe(context);
     }
+}
+
+// One that nobody reads into or sends from. A few are kept.
+std::shared_ptr<char[]> ModuleMessageServer::FreeBlock() {
+    const auto isFree = [](const auto& block) { return block.use_count() == 1; };
+    if (const auto found = std::find_if(m_blocks.begin(), m_blocks.end(), isFree); found != m_blocks.end()) {
+        return *found;
+    }
+    auto block = AllocateStorage(kBlockBytes);
+    if (m_blocks.size() < kKeptBlocks) {
+        m_blocks.push_back(block);
+    }
+    return block;
 }
 
 // The connection ends only by this thread.
@@ -241,16 +266,16 @@ void ModuleMessageServer::HandlePacket(Connection& connection, const SharedBytes
     }
     SendRun(connection);
     m_run = {frame, 1, header, counter};
-    if (frame.storage || IsLogEnabled(LogLevel::Debug)) {
-        SendRun(connection); // nothing can join it, or the log is to tell of one packet after the other
+    if (IsLogEnabled(LogLevel::Debug)) {
+        SendRun(connection); // the log is to tell of one packet after the other
     }
 }
 
 bool ModuleMessageServer::JoinRun(const SharedBytes& frame, const PacketHeader& header) {
     std::string_view& run = m_run.frames.bytes;
     const PacketHeader& first = m_run.header;
-    if (m_run.count == 0 || run.data() + run.size() != frame.bytes.data() || header.to != first.to ||
-        header.from != first.from || header.msgType != first.msgType) {
+    if (m_run.count == 0 || m_run.frames.storage != frame.storage || run.data() + run.size() != frame.bytes.data() ||
+        header.to != first.to || header.from != first.from || header.msgType != first.msgType) {
         return false;
     }
     run = {run.data(), run.size() + frame.bytes.size()};
@@ -323,9 +348,9 @@ void ModuleMessageServer::SendToOtherProcesses(const Connection& sender, const R
     }
 }
 
-// Frames with a storage are sent from it; the others lie in the buffer of a read.
+// A lot is sent from its storage, if it has one.
 void ModuleMessageServer::SendToConnection(const Connection& connection, const SharedBytes& frames) {
-    if (frames.storage) {
+    if (frames.storage && frames.bytes.size() >= kSharedRunBytes) {
         SendShared(connection.m_context, frames);
     } else {
         SendText(connection.m_context, frames.bytes.data(), static_cast<int>(frames.bytes.size()));

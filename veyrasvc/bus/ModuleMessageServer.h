@@ -45,6 +45,7 @@ private:
         IOCPContext* const m_context;
         std::uint32_t m_pid = 0; // of the client; 0 until its first registration. Touched by the worker only.
         FrameCutter m_recvBuffer;
+        bool m_busy = false;                 // the last read brought a lot. Touched by the worker only.
         std::string m_registered;            // what m_moduleIds was read from. Touched by the worker only.
         std::set<std::uint32_t> m_moduleIds; // guarded by the lock of m_connections
     };
@@ -73,6 +74,7 @@ private:
     void SendToModule(const Run& run);
     void SendToOtherProcesses(const Connection& sender, const Run& run, const char* title);
     void SendToConnection(const Connection& connection, const SharedBytes& frames);
+    std::shared_ptr<char[]> FreeBlock();
 
     void ApplyRegistration(Connection& connection, const SharedBytes& frame, const PacketHeader& header);
     void UpdateModuleIds(Connection& connection, const std::string& text);
@@ -88,6 +90,7 @@ private:
     // Which connections serve a module id; changed together with their m_moduleIds, by Link and Unlink.
     std::unordered_map<std::uint32_t, std::vector<Connection*>> m_receivers VEYRA_GUARDED_BY(m_connections);
     Run m_run;                                        // of the bytes at hand; touched by the worker only
+    std::vector<std::shared_ptr<char[]>> m_blocks;    // to read into, those in use too; touched by the worker only
     std::vector<const Connection*> m_targets;         // of the run; touched by the worker only
     std::unique_ptr<IPCMessageClient> m_statusClient; // speaks for the bus itself; made on the first registration
 };

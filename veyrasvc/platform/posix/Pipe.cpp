@@ -337,10 +337,11 @@ void Pipe::FillReads() {
     }
 }
 
-// One read of the socket, into the operation's own buffer and the read-ahead behind it. False when nothing came.
+// One read of the socket, into the operation's own buffer and, where that is small, the read-ahead behind it. False
+// when nothing came.
 bool Pipe::ReceiveInto(Operation& operation) {
     WakeForDeferredWork();
-    char* const ahead = m_ahead.Borrow();
+    char* const ahead = operation.count < ReadAhead::kBytes ? m_ahead.Borrow() : nullptr;
     std::array<iovec, 2> room{{{operation.buffer, operation.count}, {ahead, ReadAhead::kBytes}}};
     const std::size_t wanted = operation.count + (ahead == nullptr ? 0 : ReadAhead::kBytes);
     const ssize_t got = readv(m_socket.Get(), room.data(), ahead == nullptr ? 1 : 2);
