@@ -86,8 +86,8 @@ void CutBroken(benchmark::State& state) {
 
 // From a frame in somebody else's buffer, so that the body is copied. Where a frame has storage, nothing is.
 void Decode(benchmark::State& state) {
-    const BasePacket packet = PacketOf(Bytes(Size(state)));
-    const SharedBytes frame = packet.ToFrame();
+    const BasePacket sent = PacketOf(Bytes(Size(state)));
+    const SharedBytes frame = sent.ToFrame();
     Measure(state, [&] {
         BasePacket packet;
         packet.DeserializeFrame({nullptr, frame.bytes});

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
+#include <ios>
 #include <string>
 #include <thread>
 #include <vector>
@@ -63,6 +65,11 @@ TEST(VersionTest, TheProcessorIsTheOneThatRunsThis) {
                 info.wProcessorArchitecture == PROCESSOR_ARCHITECTURE_ARM64);
     EXPECT_GE(info.dwNumberOfProcessors, std::thread::hardware_concurrency()) << "a process may have fewer";
     EXPECT_EQ(info.dwPageSize % 4096, 0U);
+    ULONG_PTR allowed = 0;
+    ULONG_PTR all = 0;
+    ASSERT_TRUE(GetProcessAffinityMask(GetCurrentProcess(), &allowed, &all));
+    EXPECT_EQ(std::popcount(all), static_cast<int>(info.dwNumberOfProcessors));
+    EXPECT_TRUE(allowed != 0 && (allowed & ~all) == 0) << std::hex << allowed << " of " << all;
     EXPECT_EQ(GetSystemMetrics(SM_SERVERR2), 0) << "a system of twenty years ago";
 }
 

@@ -162,6 +162,7 @@ private:
     void EndWritten() VEYRA_REQUIRES(m_sendQueue);
     bool MayWriteAtOnce(std::size_t length) const VEYRA_REQUIRES(m_sendQueue);
     void WriteQueued() VEYRA_REQUIRES(m_sendQueue);
+    void WriteFrom(std::size_t bytes) VEYRA_REQUIRES(m_sendQueue);
     void CallWriter();
     void WriteHeldBack();
 
@@ -229,7 +230,7 @@ private:
     OVERLAPPED m_writeOverlapped VEYRA_GUARDED_BY(m_sendQueue){};
     Outgoing m_sendRest VEYRA_GUARDED_BY(m_sendQueue);              // what is being written; the write reads from it
     std::size_t m_sendRestOffset VEYRA_GUARDED_BY(m_sendQueue) = 0; // how much of it was handed to the pipe
-    std::string m_spareJoined VEYRA_GUARDED_BY(m_sendQueue);        // room for frames to be joined in
+    std::vector<std::string> m_spareJoined VEYRA_GUARDED_BY(m_sendQueue);             // room for frames to be joined in
     std::chrono::steady_clock::time_point m_lastQueued VEYRA_GUARDED_BY(m_sendQueue); // when a frame came last
     int m_inRush VEYRA_GUARDED_BY(m_sendQueue) = 0;        // frames that have come in close succession
     bool m_heldBack VEYRA_GUARDED_BY(m_sendQueue) = false; // frames wait for the leader's batch to end

@@ -18,9 +18,8 @@ namespace {
 // A wait for a busy pipe cannot be interrupted, so it is made of slices between which a stop is noticed.
 constexpr DWORD kPipeWaitSliceMs = 50;
 
-// Bytes of one write at most, and of one read into a long frame.
-constexpr std::size_t kTransferBytes = 64 * 1024;
-constexpr std::size_t kLongReadBytes = 256 * 1024;
+// Bytes of one write, and of one read into a long frame, at most.
+constexpr std::size_t kTransferBytes = 256 * 1024;
 // A frame up to this length may be written by its sender. A longer one would keep the sender busy with many writes,
 // which can be joined.
 constexpr std::size_t kDirectFrameBytes = 32 * 1024;
@@ -29,6 +28,11 @@ constexpr std::size_t kDirectFrameBytes = 32 * 1024;
 constexpr std::size_t kJoinedFrameBytes = 8 * 1024;
 // Joined frames of that many bytes are worth a write; more of them would not make it cheaper.
 constexpr std::size_t kFullBytes = 32 * 1024;
+// Room for joined frames, and how many such rooms are kept: fresh memory is cleared by the system first.
+constexpr std::size_t kJoinedBytes = 64 * 1024;
+constexpr std::size_t kSpares = 4;
+// Of what callbacks send, no more than that waits for others to end.
+constexpr std::size_t kHeldBackBytes = 2 * 1024;
 // Reads and writes in a row before the other direction has its turn.
 constexpr int kTransfersPerTurn = 8;
 
@@ -173,7 +177,7 @@ bool BaseMessageClient::StartRead(bool& completed) {
     }
     m_readOverlapped = {};
     m_readOverlapped.hEvent = m_readEvent;
-    const auto length = static_cast<DWORD>(std::min(room.size(), kLongReadBytes));
+    const auto length = static_cast<DWORD>(std::min(room.size(), kTransferBytes));
     completed = ReadFile(m_readPipe, room.data(), length, nullptr, &m_readOverlapped) != FALSE;
     m_reading = completed || GetLastError() == ERROR_IO_PENDING;
     return m_reading;
@@ -239,6 +243,7 @@ void BaseMessageClient::QueueBytes(SharedBytes frame) {
     if (const CallbackBatch* const batch = CallbackBatch::RunHere(); batch != nullptr && batch->MoreFollow()) {
         Enqueue(std::move(frame));
         m_heldBack = m_mustWrite = true;
+        WriteFrom(kHeldBackBytes);
         return;
     }
     if (m_heldBack) {
@@ -259,8 +264,15 @@ void BaseMessageClient::QueueBytes(SharedBytes frame) {
     Enqueue(std::move(frame));
     if (wasIdle) {
         CallWriter();
-    } else if (m_sendQueue.m_items.front().joined.size() >= kFullBytes && !m_writing && !m_handingOver) {
-        WriteQueued(); // who serves the connection has not come to it yet
+    } else {
+        WriteFrom(kFullBytes); // who serves the connection has not come to it yet
+    }
+}
+
+// Writes if that many bytes have been joined, and nobody is writing.
+void BaseMessageClient::WriteFrom(std::size_t bytes) {
+    if (m_sendQueue.m_items.front().joined.size() >= bytes && !m_writing && !m_handingOver) {
+        WriteQueued();
     }
 }
 
@@ -298,9 +310,13 @@ void BaseMessageClient::Enqueue(SharedBytes frame) {
         return;
     }
     // Never more than one write takes: see Disconnect.
-    if (waiting.empty() || waiting.back().frame.storage || waiting.back().joined.size() + length > kTransferBytes) {
-        waiting.push({{}, std::exchange(m_spareJoined, {})});
-        waiting.back().joined.reserve(kTransferBytes);
+    if (waiting.empty() || waiting.back().frame.storage || waiting.back().joined.size() + length > kJoinedBytes) {
+        waiting.push({});
+        if (!m_spareJoined.empty()) {
+            waiting.back().joined = std::move(m_spareJoined.back());
+            m_spareJoined.pop_back();
+        }
+        waiting.back().joined.reserve(kJoinedBytes);
     }
     waiting.back().joined += frame.bytes;
 }
@@ -346,12 +362,11 @@ bool BaseMessageClient::WriteChunk(bool& written) {
 
 void BaseMessageClient::EndWritten() {
     if (m_sendRestOffset == m_sendRest.Bytes().size()) {
-        if (m_sendRest.joined.capacity() >= kTransferBytes) {
-            m_spareJoined = std::move(m_sendRest.joined); // for the next rush
-            m_spareJoined.clear();
-        }
         m_sendRest.frame = {};
         m_sendRest.joined.clear();
+        if (m_sendRest.joined.capacity() >= kJoinedBytes && m_spareJoined.size() < kSpares) {
+            m_spareJoined.push_back(std::move(m_sendRest.joined)); // for the next rush
+        }
         m_sendRestOffset = 0;
     }
 }

@@ -21,9 +21,9 @@ namespace {
 constexpr std::size_t kMaxConnections = 100;
 constexpr std::size_t kLongestRead = 256 * 1024; // of one read into a long frame
 constexpr std::size_t kBlockBytes = 64 * 1024;   // of one read from a busy connection
-constexpr std::size_t kKeptBlocks = 8;
+constexpr std::size_t kKeptBlocks = 16;
 // Less than this is copied to be sent: a slow receiver must not hold whole blocks for the sake of a few bytes.
-constexpr std::size_t kSharedRunBytes = kBlockBytes / 8;
+constexpr std::size_t kSharedRunBytes = kBlockBytes / 4;
 constexpr std::size_t kHeaderFieldBytes = 16; // of the payload, as far as the router reads it
 
 // Display names for the packet log; shared by the whole process and never destroyed, because the worker may log while
@@ -164,6 +164,11 @@ void ModuleMessageServer::OnRecvData(IOCPContext* context, IOCPBuffer* buffer) {
     if (connection == nullptr) {
         return;
     }
+    // A request is followed by its answer, and that by the next request. What one sends in a rush is better left to
+    // come together.
+    if (connection != std::exchange(m_lastSender, connection)) {
+        ExpectMore();
+    }
     const AutoLock lock(connection);
     const auto handle = [&](const SharedBytes& frame) { HandlePacket(*connection, frame); };
     bool inStep = true;
@@ -200,6 +205,7 @@ void ModuleMessageServer::OnBeforeRead(IOCPContext* context, IOCPBuffer* buffer)
             buffer->m_data = room.data();
             buffer->m_length = static_cast<DWORD>(std::min(room.size(), kLongestRead));
             buffer->m_storage = connection->m_recvBuffer.Storage();
+            ExpectMore();
         } else if (connection->m_busy) {
             buffer->m_storage = FreeBlock();
             buffer->m_data = buffer->m_storage.get();

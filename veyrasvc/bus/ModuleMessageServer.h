@@ -89,6 +89,7 @@ private:
     LockMap<std::uint64_t, Connection*> m_connections; // by the address of the context
     // Which connections serve a module id; changed together with their m_moduleIds, by Link and Unlink.
     std::unordered_map<std::uint32_t, std::vector<Connection*>> m_receivers VEYRA_GUARDED_BY(m_connections);
+    const Connection* m_lastSender = nullptr;         // compared, not used; touched by the worker only
     Run m_run;                                        // of the bytes at hand; touched by the worker only
     std::vector<std::shared_ptr<char[]>> m_blocks;    // to read into, those in use too; touched by the worker only
     std::vector<const Connection*> m_targets;         // of the run; touched by the worker only

@@ -24,7 +24,16 @@ SharedBytes CopyOf(std::string_view bytes) {
     return copy;
 }
 
+// On one processor nobody can send while the worker looks for it.
+bool HasSeveralProcessors() {
+    ULONG_PTR allowed = 0;
+    ULONG_PTR all = 0;
+    return GetProcessAffinityMask(GetCurrentProcess(), &allowed, &all) != FALSE && (allowed & (allowed - 1)) != 0;
+}
+
 } // namespace
+
+IOCPServer::IOCPServer() : m_maySpin(HasSeveralProcessors()) {}
 
 bool IOCPServer::OnNewConnection(IOCPContext* /*context*/) {
     return false;
@@ -405,12 +414,27 @@ bool IOCPServer::Send(IOCPContext* context, const SharedBytes& text) {
 
 // ---- The worker ----------------------------------------------------------------------------------------------------
 
+BOOL IOCPServer::AwaitCompletion(DWORD& bytes, ULONG_PTR& key, OVERLAPPED*& overlapped) {
+    BOOL succeeded = FALSE;
+    const auto comesWithin = [&](DWORD milliseconds) {
+        succeeded = GetQueuedCompletionStatus(m_completionPort, &bytes, &key, &overlapped, milliseconds);
+        return succeeded != FALSE || overlapped != nullptr || GetLastError() != WAIT_TIMEOUT;
+    };
+    if (!m_maySpin || !m_expectsMore) {
+        comesWithin(INFINITE);
+    } else if (!comesWithin(0)) {
+        m_expectsMore = false;
+        m_completionSpin.Wait([&] { return comesWithin(0); }, [&] { return comesWithin(INFINITE); });
+    }
+    return succeeded;
+}
+
 bool IOCPServer::ServeOne() {
     constexpr DWORD kStopWakeUp = 0xFFFFFFFF; // the byte count of Stop's completion
     DWORD bytes = 0;
     ULONG_PTR key = 0;
     OVERLAPPED* overlapped = nullptr;
-    const BOOL succeeded = GetQueuedCompletionStatus(m_completionPort, &bytes, &key, &overlapped, INFINITE);
+    const BOOL succeeded = AwaitCompletion(bytes, key, overlapped);
     if (bytes == kStopWakeUp) {
         return false;
     }

@@ -15,6 +15,7 @@
 
 #include "veyrasvc/bus/Frame.h"
 #include "veyrasvc/platform/Win32.h"
+#include "veyrasvc/util/AdaptiveSpin.h"
 #include "veyrasvc/util/LockedContainers.h"
 
 #include <atomic>
@@ -85,7 +86,7 @@ public:
     int PostAccept(IOCPBuffer* buffer);
 
 protected:
-    IOCPServer() = default;
+    IOCPServer();
     ~IOCPServer() = default;
     IOCPServer(const IOCPServer&) = delete;
     IOCPServer& operator=(const IOCPServer&) = delete;
@@ -102,6 +103,10 @@ protected:
     // m_storage that keeps the place.
     virtual void OnBeforeRead(IOCPContext* context, IOCPBuffer* buffer);
 
+    // To be called by OnRecvData and OnBeforeRead: more is about to come, from this client or another. So the worker
+    // looks for it a moment before it sleeps, where that pays.
+    void ExpectMore() { m_expectsMore = true; }
+
     // Disconnects and closes the instance, once. The connection then ends through its outstanding operations.
     static void ClosePipe(IOCPContext* context);
 
@@ -109,6 +114,7 @@ private:
     static DWORD WorkerThreadProc(void* server);
     // Waits for one completion and handles it; false when the worker should end.
     bool ServeOne();
+    BOOL AwaitCompletion(DWORD& bytes, ULONG_PTR& key, OVERLAPPED*& overlapped);
     void DispatchCompletion(IOCPContext* context, IOCPBuffer* buffer, DWORD bytes, int error);
     void EndConnection(IOCPContext* context, IOCPBuffer* buffer, int error);
     void OperationAcceptProcess(IOCPContext& context, DWORD& bytes, IOCPBuffer& buffer, int& error, bool& close);
@@ -151,6 +157,10 @@ private:
     std::atomic<DWORD> m_running{0};
     std::atomic<std::int64_t> m_outstanding{0}; // operations started and not yet dispatched, over all contexts
     CommonLock m_closeLock;                     // serialises OnConnectionClose
+
+    const bool m_maySpin; // the worker may look for completions before it sleeps
+    AdaptiveSpin<> m_completionSpin;
+    bool m_expectsMore = false; // touched by the worker only
 };
 
 } // namespace Vantor::Sentrix

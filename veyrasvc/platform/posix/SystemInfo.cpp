@@ -1,8 +1,11 @@
-// GetNativeSystemInfo and GetSystemMetrics.
-#include "veyrasvc/platform/posix/Win32Subset.h"
+// GetNativeSystemInfo, GetProcessAffinityMask and GetSystemMetrics.
+#include "veyrasvc/platform/posix/Handle.h"
 
+#include <sched.h>
 #include <sys/utsname.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <cstring>
 
@@ -29,6 +32,25 @@ void GetNativeSystemInfo(SYSTEM_INFO* info) {
     info->wProcessorArchitecture = ProcessorArchitecture();
     info->dwPageSize = static_cast<DWORD>(sysconf(_SC_PAGESIZE));
     info->dwNumberOfProcessors = static_cast<DWORD>(sysconf(_SC_NPROCESSORS_ONLN));
+}
+
+// Of this process, as it is on the calling thread: Linux knows it for each thread.
+BOOL GetProcessAffinityMask(HANDLE process, ULONG_PTR* ofProcess, ULONG_PTR* ofSystem) {
+    constexpr int kBits = 64;
+    cpu_set_t allowed;
+    if (process != GetCurrentProcess() || ofProcess == nullptr || ofSystem == nullptr) {
+        return Fail(ERROR_INVALID_PARAMETER);
+    }
+    if (sched_getaffinity(0, sizeof allowed, &allowed) != 0) {
+        return Fail(ErrorFromErrno(errno));
+    }
+    *ofProcess = *ofSystem = 0;
+    const long online = sysconf(_SC_NPROCESSORS_ONLN);
+    for (int i = 0; i < kBits; ++i) {
+        *ofProcess |= CPU_ISSET(i, &allowed) ? ULONG_PTR{1} << i : 0;
+        *ofSystem |= i < online ? ULONG_PTR{1} << i : 0;
+    }
+    return TRUE;
 }
 
 int GetSystemMetrics(int /*index*/) {
