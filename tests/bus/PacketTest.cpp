@@ -136,6 +136,27 @@ TEST(PacketTest, EveryFieldTravelsAndBytesThatAreMissingReadAsZero) {
     }
 }
 
+// Short bodies stay in the packet, longer ones beside it; a head that finds no room in front of either goes elsewhere.
+TEST(PacketTest, BodiesOfAnyLengthTravelAndCopiesKeepTheirOwn) {
+    BasePacket used = PacketOf({.body = Pattern(1000)});
+    for (const std::size_t ivLength : {0U, 16U, 200U}) {
+        for (std::size_t length = 0; length < 300; ++length) {
+            const RawPacket raw{.to = 1, .iv = Pattern(ivLength), .body = Pattern(length)};
+            const BasePacket packet = PacketOf(raw);
+            EXPECT_EQ(FrameOf(packet), raw.Frame()) << length;
+            EXPECT_EQ(reinterpret_cast<std::uintptr_t>(packet.GetBody().data()) % 16, 0U) << length;
+            BasePacket read;
+            read.DeserializeFrame({nullptr, raw.Frame()});
+            const BasePacket copy = read;
+            used.SetBody(raw.body);
+            EXPECT_EQ(used.GetBody(), raw.body);
+            read.SetBody("another");
+            EXPECT_EQ(copy.GetBody(), raw.body) << length;
+            EXPECT_EQ(FrameOf(copy), raw.Frame()) << length;
+        }
+    }
+}
+
 TEST(PacketTest, BodiesAreEncipheredUnderAFreshIvAndComeBack) {
     std::set<std::string> ivs;
     for (std::size_t length = 1; length <= 100; ++length) {
