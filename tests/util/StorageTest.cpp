@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <future>
+#include <new>
 #include <random>
 #include <vector>
 
@@ -54,6 +55,22 @@ TEST(StorageTest, NoTwoOwnersShareABlockHoweverOftenItComesBack) {
         }
     }
     EXPECT_EQ(Spoiled(std::move(waiting[0])) + Spoiled(std::move(waiting[1])), 0);
+}
+
+TEST(StorageTest, WhatIsReservedGrowsInPlaceUpToItsEnd) {
+    constexpr std::size_t kReserved = std::size_t{1} << 32;
+    const auto storage = ReserveStorage(kReserved); // more than there is memory for, perhaps
+    std::size_t written = 0;
+    for (const std::size_t bytes : {1U, 5000U, 5000U, 10'000'000U}) {
+        CommitStorage(storage, bytes);
+        for (; written < bytes; ++written) {
+            storage[static_cast<std::ptrdiff_t>(written)] = static_cast<char>(written % 251);
+        }
+    }
+    for (std::size_t i = 0; i < written; ++i) {
+        ASSERT_EQ(storage[static_cast<std::ptrdiff_t>(i)], static_cast<char>(i % 251)) << i;
+    }
+    EXPECT_THROW(CommitStorage(storage, 2 * kReserved), std::bad_alloc);
 }
 
 } // namespace

@@ -12,8 +12,8 @@ namespace Vantor::Sentrix {
 
 namespace {
 
-// Room that is reserved at once for an announced frame; a longer one grows with its bytes.
-constexpr std::size_t kReserveLimit = 16 * 1024 * 1024;
+// Memory that is taken at once for an announced frame; that of a longer one grows with its bytes.
+constexpr std::size_t kTakenAtOnce = 16 * 1024 * 1024;
 
 // In front of a frame that is put together: with it the body of a plain packet, 52 bytes into the frame, is aligned for
 // whatever callers put there.
@@ -44,7 +44,7 @@ void FrameCutter::Clear() {
     m_storage.reset(); // an idle connection holds no buffer
     m_capacity = m_size = 0;
     m_needed = FrameHeader::kSize;
-    m_measured = false;
+    m_measured = m_growsInPlace = false;
 }
 
 char* FrameCutter::Held() const {
@@ -88,20 +88,28 @@ bool FrameCutter::Gather(std::string_view& bytes) {
     return true;
 }
 
-// What is announced is reserved at once up to a limit; beyond it the room doubles as the bytes come.
+// Where a frame is announced that is longer than what is taken at once, all of its address space is reserved, so that
+// it stays where it is while memory for it comes.
 void FrameCutter::Reserve(std::size_t bytes) {
     if (bytes <= m_capacity) {
         return;
     }
-    const std::size_t doubled = std::max(2 * m_capacity, m_measured ? kReserveLimit : bytes);
     const std::size_t capacity =
-        m_measured && m_needed <= doubled + doubled / 4 ? m_needed : std::min(m_needed, doubled);
-    m_capacity = std::max(bytes, capacity);
-    auto grown = AllocateStorage(kLead + m_capacity);
-    if (m_size > 0) {
-        std::memcpy(grown.get() + kLead, Held(), m_size);
+        m_measured ? std::min(m_needed, std::max({bytes, kTakenAtOnce, 2 * m_capacity})) : bytes;
+    const bool grows = m_growsInPlace || (m_measured && capacity < m_needed);
+    auto storage = m_storage;
+    if (!m_growsInPlace) {
+        storage = grows ? ReserveStorage(kLead + m_needed) : AllocateStorage(kLead + capacity);
     }
-    m_storage = std::move(grown);
+    if (grows) {
+        CommitStorage(storage, kLead + capacity);
+    }
+    if (storage != m_storage && m_size > 0) {
+        std::memcpy(storage.get() + kLead, Held(), m_size);
+    }
+    m_storage = std::move(storage);
+    m_growsInPlace = grows;
+    m_capacity = capacity;
 }
 
 std::span<char> FrameCutter::Room(std::size_t worthwhile) {

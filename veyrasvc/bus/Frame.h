@@ -98,6 +98,7 @@ private:
     std::size_t m_size = 0;
     std::size_t m_needed = FrameHeader::kSize; // the bytes it should have: a header, or the whole frame
     bool m_measured = false;                   // the header has been read
+    bool m_growsInPlace = false;               // address space for the whole frame is reserved
 };
 
 } // namespace Vantor::Sentrix

@@ -271,7 +271,8 @@ void BaseMessageClient::QueueBytes(SharedBytes frame) {
 
 // Writes if that many bytes have been joined, and nobody is writing.
 void BaseMessageClient::WriteFrom(std::size_t bytes) {
-    if (m_sendQueue.m_items.front().joined.size() >= bytes && !m_writing && !m_handingOver) {
+    const bool canWrite = m_pipe != INVALID_HANDLE_VALUE && !m_writing && !m_handingOver;
+    if (canWrite && m_sendQueue.m_items.front().joined.size() >= bytes) {
         WriteQueued();
     }
 }

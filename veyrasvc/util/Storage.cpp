@@ -70,8 +70,8 @@ Recycler& TheRecycler() {
     return *recycler;
 }
 
-std::shared_ptr<char[]> AllocateFromSystem(std::size_t bytes) {
-    void* const block = VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+std::shared_ptr<char[]> AllocateFromSystem(std::size_t bytes, DWORD type) {
+    void* const block = VirtualAlloc(nullptr, bytes, type, PAGE_READWRITE);
     if (block == nullptr) {
         throw std::bad_alloc();
     }
@@ -85,13 +85,23 @@ std::shared_ptr<char[]> AllocateStorage(std::size_t bytes) {
         return std::make_shared_for_overwrite<char[]>(bytes);
     }
     if (bytes >= kLongest) {
-        return AllocateFromSystem(bytes);
+        return AllocateFromSystem(bytes, MEM_RESERVE | MEM_COMMIT);
     }
     Recycler::Block block = TheRecycler().Take(bytes);
     char* const address = block.bytes.get();
     return {address, [owned = std::make_shared<Recycler::Block>(std::move(block))](char*) {
                 TheRecycler().Give(std::move(*owned));
             }};
+}
+
+std::shared_ptr<char[]> ReserveStorage(std::size_t bytes) {
+    return AllocateFromSystem(bytes, MEM_RESERVE);
+}
+
+void CommitStorage(const std::shared_ptr<char[]>& reserved, std::size_t bytes) {
+    if (VirtualAlloc(reserved.get(), bytes, MEM_COMMIT, PAGE_READWRITE) == nullptr) {
+        throw std::bad_alloc();
+    }
 }
 
 } // namespace Vantor::Sentrix

@@ -13,4 +13,11 @@ namespace Vantor::Sentrix {
 // Fails: std::bad_alloc.
 std::shared_ptr<char[]> AllocateStorage(std::size_t bytes);
 
+// The first: address space for that many bytes, none of which may be touched yet. The second: memory for as many of
+// them, from the beginning; what is there stays when it is called again for more.
+// Threads: any, one at a time for one storage.
+// Fails: std::bad_alloc.
+std::shared_ptr<char[]> ReserveStorage(std::size_t bytes);
+void CommitStorage(const std::shared_ptr<char[]>& reserved, std::size_t bytes);
+
 } // namespace Vantor::Sentrix

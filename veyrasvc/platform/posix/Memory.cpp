@@ -2,10 +2,12 @@
 #include "veyrasvc/platform/posix/Handle.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <iterator>
+#include <map>
 #include <mutex>
-#include <unordered_map>
 
 namespace Vantor::Sentrix::Platform {
 
@@ -16,7 +18,7 @@ char heapTag; // its address names the one heap
 // How long each mapping is, which VirtualFree is not told.
 struct Mappings {
     std::mutex mutex;
-    std::unordered_map<void*, SIZE_T> lengths; // guarded by mutex
+    std::map<char*, SIZE_T> lengths; // guarded by mutex
 };
 
 Mappings& TheMappings() {
@@ -63,28 +65,65 @@ HLOCAL LocalFree(HLOCAL block) {
     return nullptr;
 }
 
+namespace {
+
+void* FailToAllocate(DWORD error) {
+    SetLastError(error);
+    return nullptr;
+}
+
 // In large pages where the system has some: to fill a long block page by page takes longer than to use it.
-void* VirtualAlloc(void* address, SIZE_T bytes, DWORD type, DWORD protection) {
-    if (address != nullptr || bytes == 0 || type != (MEM_RESERVE | MEM_COMMIT) || protection != PAGE_READWRITE) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
-    void* const block = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+void* Map(SIZE_T bytes, bool commits) {
+    const int protection = commits ? PROT_READ | PROT_WRITE : PROT_NONE;
+    void* const block =
+        mmap(nullptr, bytes, protection, MAP_PRIVATE | MAP_ANONYMOUS | (commits ? 0 : MAP_NORESERVE), -1, 0);
     if (block == MAP_FAILED) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
+        return FailToAllocate(ERROR_NOT_ENOUGH_MEMORY);
     }
     madvise(block, bytes, MADV_HUGEPAGE);
     Mappings& mappings = TheMappings();
     const std::lock_guard guard(mappings.mutex);
-    mappings.lengths.emplace(block, bytes);
+    mappings.lengths.emplace(static_cast<char*>(block), bytes);
     return block;
+}
+
+// The pages of a part of one mapping.
+void* Commit(char* address, SIZE_T bytes) {
+    const auto page = static_cast<SIZE_T>(sysconf(_SC_PAGESIZE));
+    Mappings& mappings = TheMappings();
+    const std::lock_guard guard(mappings.mutex);
+    const auto behind = mappings.lengths.upper_bound(address);
+    if (behind == mappings.lengths.begin()) {
+        return FailToAllocate(ERROR_INVALID_ADDRESS);
+    }
+    const auto& [begin, length] = *std::prev(behind);
+    const auto from = static_cast<SIZE_T>(address - begin) / page * page;
+    const auto to = static_cast<SIZE_T>(address - begin) + bytes;
+    if (bytes > length || to > length) {
+        return FailToAllocate(ERROR_INVALID_ADDRESS);
+    }
+    if (mprotect(begin + from, to - from, PROT_READ | PROT_WRITE) != 0) {
+        return FailToAllocate(ERROR_NOT_ENOUGH_MEMORY);
+    }
+    return begin + from;
+}
+
+} // namespace
+
+void* VirtualAlloc(void* address, SIZE_T bytes, DWORD type, DWORD protection) {
+    const bool commits = (type & MEM_COMMIT) != 0;
+    const bool reserves = (type & MEM_RESERVE) != 0;
+    const bool isKnown = (type & ~(MEM_COMMIT | MEM_RESERVE)) == 0 && protection == PAGE_READWRITE;
+    if (!isKnown || bytes == 0 || reserves != (address == nullptr) || !(commits || reserves)) {
+        return FailToAllocate(ERROR_INVALID_PARAMETER);
+    }
+    return reserves ? Map(bytes, commits) : Commit(static_cast<char*>(address), bytes);
 }
 
 BOOL VirtualFree(void* address, SIZE_T bytes, DWORD type) {
     Mappings& mappings = TheMappings();
     const std::lock_guard guard(mappings.mutex);
-    const auto found = mappings.lengths.find(address);
+    const auto found = mappings.lengths.find(static_cast<char*>(address));
     if (found == mappings.lengths.end() || bytes != 0 || type != MEM_RELEASE) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
