@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-
 #include <cstring>
 
 namespace Vantor::Sentrix::Platform {
