@@ -6,11 +6,11 @@ if(NOT WIN32)
   find_package(OpenSSL REQUIRED COMPONENTS Crypto)
 endif()
 
-# libdeflate has no CMake package in the releases that distributions carry.
-find_path(DEFLATE_INCLUDE_DIR libdeflate.h REQUIRED)
-find_library(DEFLATE_LIBRARY NAMES deflate libdeflate REQUIRED)
-add_library(veyra_deflate INTERFACE)
-target_include_directories(veyra_deflate SYSTEM INTERFACE ${DEFLATE_INCLUDE_DIR})
-target_link_libraries(veyra_deflate INTERFACE ${DEFLATE_LIBRARY})
+# The releases of ISA-L that distributions carry have no CMake package.
+find_path(ISAL_INCLUDE_DIR isa-l/crc.h REQUIRED)
+find_library(ISAL_LIBRARY NAMES isal isa-l REQUIRED)
+add_library(veyra_isal INTERFACE)
+target_include_directories(veyra_isal SYSTEM INTERFACE ${ISAL_INCLUDE_DIR})
+target_link_libraries(veyra_isal INTERFACE ${ISAL_LIBRARY})
 
 find_path(CLI11_INCLUDE_DIR CLI/CLI.hpp)

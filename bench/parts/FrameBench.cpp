@@ -1,8 +1,7 @@
 // The steps between a body and its frame, each alone. RoadBench.cpp has them together.
 #include "bench/parts/Part.h"
 #include "veyrasvc/bus/BasePacket.h"
-
-#include <libdeflate.h>
+#include "veyrasvc/bus/Crc32.h"
 
 using namespace Vantor::Sentrix;
 
@@ -39,8 +38,8 @@ void CheckPayload(benchmark::State& state) {
 
 void Checksum(benchmark::State& state) {
     const std::string bytes = Bytes(Size(state));
-    const std::uint32_t expected = libdeflate_crc32(0, bytes.data(), bytes.size());
-    Measure(state, [&] { return libdeflate_crc32(0, bytes.data(), bytes.size()) == expected; });
+    const std::uint32_t expected = Crc32(bytes.data(), bytes.size());
+    Measure(state, [&] { return Crc32(bytes.data(), bytes.size()) == expected; });
 }
 
 constexpr std::size_t kHeadBytes = 52;   // of a frame without IV, up to the body
@@ -64,7 +63,7 @@ void HeadChecksums(benchmark::State& state) {
     const std::string bytes = Bytes(Size(state));
     Measure(state, [&] {
         for (std::size_t at = 0; at < bytes.size(); at += kFrameBytes) {
-            benchmark::DoNotOptimize(libdeflate_crc32(0, bytes.data() + at, FrameHeader::kHeaderCrcOffset));
+            benchmark::DoNotOptimize(Crc32(bytes.data() + at, FrameHeader::kHeaderCrcOffset));
         }
         return true;
     });
@@ -100,9 +99,9 @@ void Decode(benchmark::State& state) {
 int main(int argc, char** argv) {
     return RunParts(argc, argv,
                     {{"SetBody", SetBody, {{"memcpy", MeasureCopy}}},
-                     {"ToFrame", ToFrame, {{"libdeflate_crc32", Checksum}}},
-                     {"CheckPayload", CheckPayload, {{"libdeflate_crc32", Checksum}}},
-                     {"CutRun", CutRun, {{"libdeflate_crc32_of_heads", HeadChecksums}}, {4096, 65536}},
+                     {"ToFrame", ToFrame, {{"Crc32", Checksum}}},
+                     {"CheckPayload", CheckPayload, {{"Crc32", Checksum}}},
+                     {"CutRun", CutRun, {{"Crc32_of_heads", HeadChecksums}}, {4096, 65536}},
                      {"CutBroken", CutBroken, {{"memcpy", MeasureCopy}}},
                      {"Decode", Decode, {{"memcpy", MeasureCopy}}}});
 }

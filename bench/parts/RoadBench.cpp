@@ -4,9 +4,8 @@
 #include "bench/parts/EvpCipher.h"
 #include "bench/parts/Part.h"
 #include "veyrasvc/bus/BasePacket.h"
+#include "veyrasvc/bus/Crc32.h"
 #include "veyrasvc/bus/NamedPipeIOCP.h"
-
-#include <libdeflate.h>
 
 #include <algorithm>
 #include <cstring>
@@ -101,7 +100,7 @@ public:
 
     bool Travel(const std::string& body) {
         std::memcpy(m_sent.data(), body.data(), body.size());
-        benchmark::DoNotOptimize(libdeflate_crc32(0, m_sent.data(), body.size()));
+        benchmark::DoNotOptimize(Crc32(m_sent.data(), body.size()));
         std::memcpy(m_read.data(), m_sent.data(), body.size());
         benchmark::DoNotOptimize(m_read.data());
         benchmark::ClobberMemory();
@@ -129,7 +128,7 @@ void CipherCopyAndChecksum(benchmark::State& state) {
     EvpCipher decipher(EvpCipher::kDecrypt);
     Measure(state, [&] {
         encipher.Run(body, body.size(), sent);
-        benchmark::DoNotOptimize(libdeflate_crc32(0, sent.data(), sent.size()));
+        benchmark::DoNotOptimize(Crc32(sent.data(), sent.size()));
         std::memcpy(read.data(), sent.data(), sent.size());
         return decipher.Run(read, read.size(), plain) == body.size();
     });

@@ -117,7 +117,17 @@ TEST(PacketTest, AFrameIsThoseBytes) {
         "00000003 416461");
     EXPECT_EQ(FrameOf(PacketOf(packet)), bytes);
     EXPECT_EQ(packet.Frame(), bytes);
+}
+
+// The library takes other ways for other lengths and other processors.
+TEST(PacketTest, TheChecksumIsTheStandardOne) {
     EXPECT_EQ(Crc32("123456789", 9), 0xCBF43926U);
+    EXPECT_EQ(Crc32(nullptr, 0), 0U);
+    const std::string bytes = Pattern(66000);
+    for (std::size_t length = 0; length <= bytes.size(); length += length < 1200 ? 1 : 1620) {
+        const std::string_view part(bytes.data() + length % 17, std::min(length, bytes.size() - 17));
+        ASSERT_EQ(Crc32(part.data(), part.size()), RawCrc(part)) << part.size() << " bytes";
+    }
 }
 
 TEST(PacketTest, EveryFieldTravelsAndBytesThatAreMissingReadAsZero) {

@@ -25,17 +25,6 @@ std::uint32_t FromBigEndian(std::string_view bytes) {
     return value;
 }
 
-std::uint32_t Crc(std::string_view bytes) {
-    std::uint32_t crc = 0xFFFFFFFF;
-    for (const char byte : bytes) {
-        crc ^= static_cast<unsigned char>(byte);
-        for (int bit = 0; bit < 8; ++bit) {
-            crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xEDB88320 : 0);
-        }
-    }
-    return ~crc;
-}
-
 } // namespace
 
 // ---- The wire ------------------------------------------------------------------------------------------------------
@@ -48,13 +37,24 @@ std::string LittleEndian(std::uint32_t value) {
     return bytes;
 }
 
+std::uint32_t RawCrc(std::string_view bytes) {
+    std::uint32_t crc = 0xFFFFFFFF;
+    for (const char byte : bytes) {
+        crc ^= static_cast<unsigned char>(byte);
+        for (int bit = 0; bit < 8; ++bit) {
+            crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xEDB88320 : 0);
+        }
+    }
+    return ~crc;
+}
+
 std::string RawHeader(std::uint32_t payloadLength, std::uint32_t payloadCrc, std::uint32_t reserved) {
     const std::string words = BigEndian(payloadLength) + BigEndian(reserved) + BigEndian(payloadCrc);
-    return words + BigEndian(Crc(words));
+    return words + BigEndian(RawCrc(words));
 }
 
 std::string RawFrame(const std::string& payload, std::uint32_t reserved) {
-    return RawHeader(static_cast<std::uint32_t>(payload.size()), Crc(payload), reserved) + payload;
+    return RawHeader(static_cast<std::uint32_t>(payload.size()), RawCrc(payload), reserved) + payload;
 }
 
 std::string RawPacket::Payload() const {
@@ -90,7 +90,7 @@ RawPacket ParseRawFrame(const std::string& frame) {
 }
 
 std::optional<std::string> CutRawFrame(std::string& held, bool& corrupt) {
-    corrupt = held.size() >= kHeaderBytes && Crc({held.data(), 12}) != FromBigEndian({held.data() + 12, 4});
+    corrupt = held.size() >= kHeaderBytes && RawCrc({held.data(), 12}) != FromBigEndian({held.data() + 12, 4});
     if (corrupt || held.size() < kHeaderBytes || held.size() - kHeaderBytes < FromBigEndian(held)) {
         return std::nullopt;
     }
@@ -153,7 +153,7 @@ std::optional<std::string> RawPeer::NextFrame() {
     while (!(frame = CutRawFrame(m_held, corrupt)) && !corrupt && ReadMore()) {
     }
     EXPECT_FALSE(corrupt);
-    EXPECT_TRUE(!frame || Crc(frame->substr(kHeaderBytes)) == FromBigEndian(frame->substr(8, 4)));
+    EXPECT_TRUE(!frame || RawCrc(frame->substr(kHeaderBytes)) == FromBigEndian(frame->substr(8, 4)));
     return frame;
 }
 

@@ -32,6 +32,7 @@ RawPacket ParseRawFrame(const std::string& frame); // what is missing stays 0
 std::string RawFrame(const std::string& payload, std::uint32_t reserved = 0);
 std::string RawHeader(std::uint32_t payloadLength, std::uint32_t payloadCrc, std::uint32_t reserved = 0);
 std::string LittleEndian(std::uint32_t value);
+std::uint32_t RawCrc(std::string_view bytes); // bit by bit
 
 // Moves the first frame out of `held`. Nothing: it is not whole yet, or (`corrupt`) the header is no header.
 std::optional<std::string> CutRawFrame(std::string& held, bool& corrupt);
