@@ -95,5 +95,24 @@ TEST_F(LeaderTest, WhatCallbacksSendIsNotLost) {
     m_client.reset();
 }
 
+TEST_F(LeaderTest, WhatACallbackSendsLeavesWhileItGoesOn) {
+    Tally came;
+    m_client->RegisterMessageCallback(kAfter, [&](TagIPCMessageItem&) { came.Add(); });
+    m_client->RegisterMessageCallback(kSpecial, [&](TagIPCMessageItem& item) {
+        EXPECT_TRUE(m_sender.PostIPCMessage(Item(kMe, kAfter)));
+        EXPECT_TRUE(came.Await(std::stoi(BodyOf(item)))) << "as if it would send more";
+    });
+    for (int round = 1; round <= 5; ++round) {
+        WarmUp();
+        Post(kSpecial, std::to_string(round));
+        for (int i = 0; i < 64; ++i) {
+            Post(kShort);
+        }
+        m_shortPosted += 64;
+        EXPECT_TRUE(m_short.Await(m_shortPosted));
+    }
+    m_client.reset();
+}
+
 } // namespace
 } // namespace Vantor::Sentrix

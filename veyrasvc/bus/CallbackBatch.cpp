@@ -36,7 +36,7 @@ void CallbackBatch::Run() {
 }
 
 bool CallbackBatch::HandOver() {
-    const std::size_t first = m_next.exchange(kHandedOver, std::memory_order_acq_rel);
+    const std::size_t first = m_next.exchange(kHandedOver);
     if (first > 0 && first <= m_entries.size()) {
         m_entries[first - 1].queue->NoteSlow();
     }

@@ -41,8 +41,9 @@ public:
     bool Empty() const { return m_entries.empty(); }
     // Runs or hands over one after another, until all are done or somebody has handed over the rest.
     void Run();
-    // While one runs: whether another follows on the same thread.
-    bool MoreFollow() const { return m_next.load(std::memory_order_relaxed) < m_entries.size(); }
+    // While one runs: whether another follows on the same thread. Sequentially consistent, for one who leaves something
+    // to be done after the last: if it is still true then, who hands over finds that.
+    bool MoreFollow() const { return m_next < m_entries.size(); }
     // Work items for all that has not begun. True: some callback among them is known to be short. The one that runs is
     // taken for slow.
     bool HandOver();

@@ -244,6 +244,9 @@ void BaseMessageClient::QueueBytes(SharedBytes frame) {
         Enqueue(std::move(frame));
         m_heldBack = m_mustWrite = true;
         WriteFrom(kHeldBackBytes);
+        if (!batch->MoreFollow()) {
+            CallWriter(); // who has taken over meanwhile may have looked already
+        }
         return;
     }
     if (m_heldBack) {
