@@ -18,6 +18,12 @@ void Ours(benchmark::State& state) {
     Measure(state, [&] { return Crc32(bytes.data(), bytes.size()) == expected; });
 }
 
+void OursOfTwelve(benchmark::State& state) {
+    const std::string bytes = Bytes(Size(state));
+    const std::uint32_t expected = LibraryCrc32(bytes);
+    Measure(state, [&] { return Crc32OfTwelve(bytes.data()) == expected; });
+}
+
 void Library(benchmark::State& state) {
     const std::string bytes = Bytes(Size(state));
     const std::uint32_t expected = Crc32(bytes.data(), bytes.size());
@@ -27,5 +33,7 @@ void Library(benchmark::State& state) {
 } // namespace
 
 int main(int argc, char** argv) {
-    return RunParts(argc, argv, {{"Crc32", Ours, {{"crc32_gzip_refl", Library}, {"memcpy", MeasureCopy}}}});
+    return RunParts(argc, argv,
+                    {{"Crc32", Ours, {{"crc32_gzip_refl", Library}, {"memcpy", MeasureCopy}}},
+                     {"Crc32OfTwelve", OursOfTwelve, {{"crc32_gzip_refl", Library}}, {12}}});
 }

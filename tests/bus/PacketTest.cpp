@@ -124,9 +124,11 @@ TEST(PacketTest, TheChecksumIsTheStandardOne) {
     EXPECT_EQ(Crc32("123456789", 9), 0xCBF43926U);
     EXPECT_EQ(Crc32(nullptr, 0), 0U);
     const std::string bytes = Pattern(66000);
-    for (std::size_t length = 0; length <= bytes.size(); length += length < 1200 ? 1 : 1620) {
+    for (std::size_t length = 0; length + 12 <= bytes.size(); length += length < 1200 ? 1 : 1620) {
         const std::string_view part(bytes.data() + length % 17, std::min(length, bytes.size() - 17));
         ASSERT_EQ(Crc32(part.data(), part.size()), RawCrc(part)) << part.size() << " bytes";
+        const std::string_view twelve(bytes.data() + length, 12);
+        ASSERT_EQ(Crc32OfTwelve(twelve.data()), RawCrc(twelve));
     }
 }
 

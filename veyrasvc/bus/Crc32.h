@@ -6,8 +6,12 @@
 
 namespace Vantor::Sentrix {
 
-// 0 for no bytes.
 // Threads: any.
+
+// 0 for no bytes.
 std::uint32_t Crc32(const void* bytes, std::size_t count);
+// The same of exactly twelve bytes, which is what a header has: several times as fast, because so few gain nothing from
+// what the other does for many.
+std::uint32_t Crc32OfTwelve(const void* bytes);
 
 } // namespace Vantor::Sentrix

@@ -25,11 +25,11 @@ void FrameHeader::Write(char* frame, std::size_t payloadLength) {
     StoreBigEndian32(frame + kLengthOffset, static_cast<std::uint32_t>(payloadLength));
     StoreBigEndian32(frame + kReservedOffset, 0);
     StoreBigEndian32(frame + kPayloadCrcOffset, Crc32(frame + kSize, payloadLength));
-    StoreBigEndian32(frame + kHeaderCrcOffset, Crc32(frame, kHeaderCrcOffset));
+    StoreBigEndian32(frame + kHeaderCrcOffset, Crc32OfTwelve(frame));
 }
 
 bool FrameHeader::IsIntact(const char* header) {
-    return LoadBigEndian32(header + kHeaderCrcOffset) == Crc32(header, kHeaderCrcOffset);
+    return LoadBigEndian32(header + kHeaderCrcOffset) == Crc32OfTwelve(header);
 }
 
 std::uint32_t FrameHeader::PayloadLength(const char* header) {
