@@ -70,6 +70,13 @@ void BasePacket::Deserialize(StreamReader& reader) {
 
 // ---- Frames --------------------------------------------------------------------------------------------------------
 
+PacketHeader ReadHeader(std::string_view frame) {
+    char fields[4 * sizeof(std::uint32_t)] = {};
+    frame.copy(fields, sizeof fields, FrameHeader::kSize);
+    return {LoadBigEndian32(fields), LoadBigEndian32(fields + 4), LoadBigEndian32(fields + 8),
+            LoadBigEndian32(fields + 12)};
+}
+
 void BasePacket::DeserializeFrame(const SharedBytes& frame) {
     if (!TakeWhole(frame)) {
         SpanStream stream(frame.bytes.data() + FrameHeader::kSize, frame.bytes.size() - FrameHeader::kSize);

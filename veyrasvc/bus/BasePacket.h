@@ -11,6 +11,17 @@
 
 namespace Vantor::Sentrix {
 
+// What tells where a packet goes.
+struct PacketHeader {
+    std::uint32_t to;
+    std::uint32_t from;
+    std::uint32_t msgId;
+    std::uint32_t msgType;
+};
+
+// From the packet's whole frame (see Frame.h), without reading the rest of it. What a short payload lacks is 0.
+PacketHeader ReadHeader(std::string_view frame);
+
 // A plain value: copying it copies every field. Integers travel unsigned; callers commonly store -1 as 0xFFFFFFFF.
 // Payload, every integer 4 bytes big-endian, every string a 4-byte length and its bytes:
 //     to, from, message id, type, reply id, correlation id, encrypted (0 or 1), IV, body

@@ -90,7 +90,9 @@ bool IPCMessageClient::WantsPublication(const BasePacket& packet) {
 // With m_callbackMutex held.
 void IPCMessageClient::NoteCallbacks() {
     m_hasCallbacks = !m_callbacks.empty();
-    m_hasPublishCallback = static_cast<bool>(m_publishCallback);
+    const bool has = static_cast<bool>(m_publishCallback);
+    const bool had = m_hasPublishCallback.exchange(has);
+    BaseMessageClient::Instance().CountPublishReceivers(int{has} - int{had});
 }
 
 IPCMessageClient::IPCMessageClient(int moduleId, bool /*unused*/, bool forwardPosts)

@@ -83,6 +83,9 @@ public:
     bool UnregisterClient(const IPCMessageClient* owner);
     bool RegisterPublishHandler(const IPCMessageClient* owner, std::uint32_t moduleId, PacketFunction onPacket);
     bool UnregisterPublishHandler(const IPCMessageClient* owner);
+    // +1 when a publish handler begins to want packets, -1 when it wants none any more. While there is none that does,
+    // publications that arrive are not even decoded.
+    void CountPublishReceivers(int change) { m_publishReceivers += change; }
 
     // Delivers within the process, or queues for the router, or both (published and broadcast packets).
     bool PostPacket(const std::shared_ptr<BasePacket>& packet);
@@ -242,6 +245,7 @@ private:
     std::string m_registrationText VEYRA_GUARDED_BY(m_clientsLock); // the ids of m_clients, each followed by a space
     mutable SlimLock m_publishLock;
     std::vector<std::unique_ptr<PublishEntry>> m_publishHandlers VEYRA_GUARDED_BY(m_publishLock);
+    std::atomic<int> m_publishReceivers{0};
     CommonLock m_registrationLock; // a registration is composed and queued in one step, so that the last one is right
 };
 

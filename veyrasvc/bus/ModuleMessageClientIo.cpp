@@ -1,6 +1,8 @@
 // The connection to the router, and the dispatch of what comes over it. Which thread does it:
 // ModuleMessageClientLead.cpp.
 #include "veyrasvc/bus/ModuleMessageClient.h"
+
+#include "veyrasvc/bus/ModuleId.h"
 #include "veyrasvc/util/LogStatement.h"
 
 #include <algorithm>
@@ -210,6 +212,10 @@ bool BaseMessageClient::ExtractFrames(std::size_t length) {
 }
 
 void BaseMessageClient::Deliver(const SharedBytes& frame) {
+    // Every publication goes to every process, but not all of them care.
+    if (m_publishReceivers == 0 && m_waits == 0 && ReadHeader(frame.bytes).msgType == MessageType::kPublished) {
+        return;
+    }
     const auto packet = std::make_shared_for_overwrite<BasePacket>();
     packet->DeserializeFrame(frame);
     DispatchRecvPackage(packet);

@@ -1,6 +1,5 @@
 #include "veyrasvc/bus/ModuleMessageServer.h"
 
-#include "veyrasvc/bus/BasePacket.h"
 #include "veyrasvc/bus/IPCMessageExport.h"
 #include "veyrasvc/bus/ModuleId.h"
 #include "veyrasvc/util/ByteOrder.h"
@@ -24,7 +23,6 @@ constexpr std::size_t kBlockBytes = 64 * 1024;   // of one read from a busy conn
 constexpr std::size_t kKeptBlocks = 16;
 // Less than this is copied to be sent: a slow receiver must not hold whole blocks for the sake of a few bytes.
 constexpr std::size_t kSharedRunBytes = kBlockBytes / 4;
-constexpr std::size_t kHeaderFieldBytes = 16; // of the payload, as far as the router reads it
 
 // Display names for the packet log; shared by the whole process and never destroyed, because the worker may log while
 // the process exits.
@@ -309,12 +307,7 @@ bool ModuleMessageServer::ReadPacketHeader(std::string_view frame, std::uint32_t
     if (!FrameHeader::IsPayloadIntact(frame)) {
         return false;
     }
-    char fields[kHeaderFieldBytes] = {};
-    frame.copy(fields, sizeof fields, FrameHeader::kSize);
-    header.to = LoadBigEndian32(fields);
-    header.from = LoadBigEndian32(fields + 4);
-    header.msgId = LoadBigEndian32(fields + 8);
-    header.msgType = LoadBigEndian32(fields + 12);
+    header = ReadHeader(frame);
     return true;
 }
 

@@ -8,6 +8,7 @@
 // m_connections is free again: connections end only by the worker, which is the one that sends.
 #pragma once
 
+#include "veyrasvc/bus/BasePacket.h"
 #include "veyrasvc/bus/Frame.h"
 #include "veyrasvc/bus/NamedPipeIOCP.h"
 
@@ -48,14 +49,6 @@ private:
         bool m_busy = false;                 // the last read brought a lot. Touched by the worker only.
         std::string m_registered;            // what m_moduleIds was read from. Touched by the worker only.
         std::set<std::uint32_t> m_moduleIds; // guarded by the lock of m_connections
-    };
-
-    // The payload's first four integers.
-    struct PacketHeader {
-        std::uint32_t to;
-        std::uint32_t from;
-        std::uint32_t msgId;
-        std::uint32_t msgType;
     };
 
     // Frames that came one behind the other from one sender and go the same way: they are sent on in one go.
