@@ -110,6 +110,7 @@ TEST_F(LeaderTest, WhatACallbackSendsLeavesWhileItGoesOn) {
         }
         m_shortPosted += 64;
         EXPECT_TRUE(m_short.Await(m_shortPosted));
+        EXPECT_TRUE(came.Await(round));
     }
     m_client.reset();
 }

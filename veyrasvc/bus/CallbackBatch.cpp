@@ -23,11 +23,12 @@ void CallbackBatch::Add(CallbackQueue& queue, CallbackQueue::Message message) no
 
 void CallbackBatch::Run() {
     s_run = this;
+    CallbackQueue::Turn turn;
     for (std::size_t i = 0; (i = m_next.fetch_add(1, std::memory_order_acq_rel)) < m_entries.size();) {
         m_begun.store(m_begun.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         auto& [queue, message] = m_entries[i];
         if (queue->RunsShort()) {
-            queue->Run(std::move(message));
+            turn.Run(*queue, std::move(message));
         } else {
             queue->Post(std::move(message));
         }

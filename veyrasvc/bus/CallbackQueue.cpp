@@ -12,42 +12,26 @@
 
 namespace Vantor::Sentrix {
 
-// A thread's stay with the client.
-class CallbackQueue::Visit {
-public:
-    explicit Visit(CallbackQueue& queue)
-        : m_queue(queue), m_outer(s_innermost), m_entered((queue.m_visits.fetch_add(kVisit) & kClosed) == 0) {
-        s_innermost = this;
+CallbackQueue::Visit::Visit(CallbackQueue& queue)
+    : m_queue(queue), m_outer(s_innermost), m_entered((queue.m_visits.fetch_add(kVisit) & kClosed) == 0) {
+    s_innermost = this;
+}
+
+CallbackQueue::Visit::~Visit() {
+    s_innermost = m_outer;
+    if ((m_queue.m_visits.fetch_sub(kVisit) & kClosed) != 0) {
+        const std::lock_guard guard(m_queue.m_mutex); // who closes has counted, and waits by now
+        m_queue.m_left.notify_all();
     }
-    ~Visit() {
-        s_innermost = m_outer;
-        if ((m_queue.m_visits.fetch_sub(kVisit) & kClosed) != 0) {
-            const std::lock_guard guard(m_queue.m_mutex); // who closes has counted, and waits by now
-            m_queue.m_left.notify_all();
-        }
+}
+
+std::uint32_t CallbackQueue::Visit::CountOfThisThread(const CallbackQueue& queue) {
+    std::uint32_t count = 0;
+    for (const Visit* visit = s_innermost; visit != nullptr; visit = visit->m_outer) {
+        count += &visit->m_queue == &queue ? 1 : 0;
     }
-    Visit(const Visit&) = delete;
-    Visit& operator=(const Visit&) = delete;
-
-    // False: the client is gone, or about to be.
-    bool Entered() const { return m_entered; }
-
-    // Of this thread, one inside the other.
-    static std::uint32_t CountOfThisThread(const CallbackQueue& queue) {
-        std::uint32_t count = 0;
-        for (const Visit* visit = s_innermost; visit != nullptr; visit = visit->m_outer) {
-            count += &visit->m_queue == &queue ? 1 : 0;
-        }
-        return count;
-    }
-
-private:
-    static thread_local Visit* s_innermost;
-
-    CallbackQueue& m_queue;
-    Visit* const m_outer;
-    const bool m_entered;
-};
+    return count;
+}
 
 thread_local CallbackQueue::Visit* CallbackQueue::Visit::s_innermost = nullptr;
 
@@ -90,11 +74,17 @@ void CallbackQueue::RunNext() noexcept {
     }
 }
 
-void CallbackQueue::Run(Message message) noexcept {
-    const Visit visit(*this);
-    if (!visit.Entered()) {
-        return;
+void CallbackQueue::Turn::Run(CallbackQueue& queue, Message message) noexcept {
+    if (!m_visit || !m_visit->GoesOn(queue)) {
+        m_visit.reset();
+        m_visit.emplace(queue);
     }
+    if (m_visit->Entered()) {
+        queue.Run(std::move(message));
+    }
+}
+
+void CallbackQueue::Run(Message message) noexcept {
     if (m_waitCount != 0) {
         try {
             const std::lock_guard guard(m_mutex);
@@ -141,7 +131,7 @@ void CallbackQueue::Deliver(Message message) noexcept {
 
 // A look at the clock costs as much as a short callback, so of those only some are timed.
 bool CallbackQueue::IsTimed() {
-    constexpr std::uint32_t kInterval = 16;
+    constexpr std::uint32_t kInterval = 64;
     return !RunsShort() || m_untimed.fetch_add(1, std::memory_order_relaxed) % kInterval == 0;
 }
 

@@ -15,6 +15,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 namespace Vantor::Sentrix {
 
@@ -31,6 +32,9 @@ public:
         std::shared_ptr<BasePacket> packet;
     };
 
+    // For a thread that runs one message after the other.
+    class Turn;
+
     explicit CallbackQueue(IPCMessageClient& client) : m_client(client) {}
 
     // The message is started by the batch that this thread collects, else by a work item. For all of these: where
@@ -39,8 +43,6 @@ public:
     void Add(Message message) noexcept;
     // By a work item.
     void Post(Message message) noexcept;
-    // By the calling thread, which returns when the callback has. Messages that wait already go first.
-    void Run(Message message) noexcept;
 
     // Whether this client's callbacks usually take less time than handing them to another thread does.
     bool RunsShort() const { return m_averageTime.load(std::memory_order_relaxed) < kShort.count(); }
@@ -52,7 +54,31 @@ public:
     void Close();
 
 private:
-    class Visit;
+    // A thread's stay with the client.
+    class Visit {
+    public:
+        explicit Visit(CallbackQueue& queue);
+        ~Visit();
+        Visit(const Visit&) = delete;
+        Visit& operator=(const Visit&) = delete;
+
+        // False: the client is gone, or about to be.
+        bool Entered() const { return m_entered; }
+        // Whether it is with that client, and nobody closes it.
+        bool GoesOn(const CallbackQueue& queue) const {
+            return &m_queue == &queue && m_entered && (queue.m_visits & kClosed) == 0;
+        }
+
+        // Of this thread, one inside the other.
+        static std::uint32_t CountOfThisThread(const CallbackQueue& queue);
+
+    private:
+        static thread_local Visit* s_innermost;
+
+        CallbackQueue& m_queue;
+        Visit* const m_outer;
+        const bool m_entered;
+    };
 
     // Of m_visits.
     static constexpr std::uint32_t kClosed = 1;
@@ -64,6 +90,7 @@ private:
     static constexpr std::chrono::nanoseconds kLongestNoted = std::chrono::milliseconds(10);
 
     void RunNext() noexcept;
+    void Run(Message message) noexcept;
     bool TakeFirst(Message& message);
     void Deliver(Message message) noexcept;
     bool IsTimed();
@@ -77,6 +104,15 @@ private:
     std::condition_variable m_left;
     std::deque<Message> m_waiting;           // guarded by m_mutex
     std::atomic<std::size_t> m_waitCount{0}; // their number, known without the mutex
+};
+
+class CallbackQueue::Turn {
+public:
+    // Returns when the callback has. Messages of that client that wait already go first.
+    void Run(CallbackQueue& queue, Message message) noexcept;
+
+private:
+    std::optional<Visit> m_visit; // goes on while the messages are one client's
 };
 
 } // namespace Vantor::Sentrix
