@@ -1,10 +1,14 @@
 #include "logging/Logger.h"
 
+#include <log4cplus/appender.h>
 #include <log4cplus/configurator.h>
 #include <log4cplus/consoleappender.h>
 #include <log4cplus/initializer.h>
 #include <log4cplus/layout.h>
 #include <log4cplus/loglevel.h>
+#include <log4cplus/spi/loggingevent.h>
+#include <log4cplus/streams.h>
+#include <log4cplus/thread/syncprims.h>
 
 #include <atomic>
 #include <chrono>
@@ -41,8 +45,26 @@ std::string Environment(const char* name) {
     return value == nullptr ? std::string() : std::string(value);
 }
 
+// A line in one piece. The stream passes on what it is given at once, and a layout gives it a dozen parts of a line,
+// each a call of the system, between which the lines of another process may come.
+class LineAppender : public log4cplus::Appender {
+public:
+    LineAppender() = default;
+    ~LineAppender() override { destructorImpl(); }
+    LineAppender(const LineAppender&) = delete;
+    LineAppender& operator=(const LineAppender&) = delete;
+
+    void close() override { closed = true; }
+
+protected:
+    void append(const log4cplus::spi::InternalLoggingEvent& event) override {
+        const log4cplus::thread::MutexGuard guard(log4cplus::ConsoleAppender::getOutputMutex());
+        log4cplus::tcerr << formatEvent(event) << std::flush;
+    }
+};
+
 void LogToStandardError(log4cplus::Logger& logger) {
-    log4cplus::SharedAppenderPtr appender(new log4cplus::ConsoleAppender(true, true));
+    log4cplus::SharedAppenderPtr appender(new LineAppender);
     appender->setLayout(std::make_unique<log4cplus::PatternLayout>(Wide("%D{%H:%M:%S.%q} %-5p %m [%b:%L]%n")));
     logger.addAppender(appender);
     logger.setAdditivity(false);
