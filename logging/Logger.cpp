@@ -59,6 +59,7 @@ public:
 protected:
     void append(const log4cplus::spi::InternalLoggingEvent& event) override {
         const log4cplus::thread::MutexGuard guard(log4cplus::ConsoleAppender::getOutputMutex());
+        log4cplus::tcerr.clear(); // the disk may have been full
         log4cplus::tcerr << formatEvent(event) << std::flush;
     }
 };

@@ -3,8 +3,8 @@
 // Configured once, by the first GetLogger(), from the environment:
 //   VEYRA_LOG_CONFIG  a log4cplus properties file; it decides everything (appenders, layouts, levels)
 //   VEYRA_LOG_LEVEL   a level name (TRACE, DEBUG, INFO, WARN, ERROR, FATAL, OFF) for this logger
-// With neither, WARN and above go to standard error. A file that cannot be read or a level that does not exist is
-// reported there too, and the default holds.
+// With neither, WARN and above go to standard error, each line in one piece; one that cannot be written is lost. A file
+// that cannot be read or a level that does not exist is reported there too, and the default holds.
 #pragma once
 
 #include "logging/Export.h"

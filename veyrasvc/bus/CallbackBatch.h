@@ -41,8 +41,8 @@ public:
     bool Empty() const { return m_entries.empty(); }
     // Runs or hands over one after another, until all are done or somebody has handed over the rest.
     void Run();
-    // While one runs: whether another follows on the same thread. Sequentially consistent, for one who leaves something
-    // to be done after the last: if it is still true then, who hands over finds that.
+    // While one runs: whether another follows on the same thread. Sequentially consistent: who has left something to be
+    // done after the last, and asks again, either hears that somebody has handed over or is found by who does.
     bool MoreFollow() const { return m_next < m_entries.size(); }
     // Work items for all that has not begun. True: some callback among them is known to be short. The one that runs is
     // taken for slow.
