@@ -102,6 +102,22 @@ TEST(PipeTest, AClientsOperationsEndWithEitherEnd) {
     }
 }
 
+// None is taken for later, also while nobody has waited and seen that the other end has gone.
+TEST(PipeTest, WritesToAnEndThatHasGoneFailAtOnce) {
+    const Owned port = NewPort();
+    Connection connection{port};
+    EventIo reading;
+    EventIo writing;
+    char byte = 0;
+    EXPECT_FALSE(reading.Read(connection.client, &byte, 1));
+    connection.server.Close();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FALSE(writing.Write(connection.client, &byte, 1));
+        EXPECT_TRUE(GetLastError() == ERROR_BROKEN_PIPE || GetLastError() == kErrorNoData) << GetLastError();
+    }
+    EXPECT_EQ(reading.Await(), ERROR_BROKEN_PIPE);
+}
+
 // What was reported as written is read, whatever the writer does next, and also when the pipe was full by then.
 TEST(PipeTest, WhatWasWrittenArrives) {
     constexpr DWORD kPiece = 4096;

@@ -162,7 +162,7 @@ bool Pipe::Accept(UniqueFd& socket) {
     m_socket = std::move(socket);
     WidenSendBuffer(m_socket);
     m_state = State::Connected;
-    m_readable = m_hungUp = m_watchesSpace = false;
+    m_readable = m_hungUp = m_refuses = m_watchesSpace = false;
     m_writable = true;
     WatchSocket();
     Finish(m_connect, ERROR_SUCCESS, 0);
@@ -202,7 +202,13 @@ BOOL Pipe::Write(const void* buffer, DWORD count, DWORD* transferred, OVERLAPPED
     operation.overlapped = overlapped;
     operation.buffer = const_cast<char*>(static_cast<const char*>(buffer)); // only read from
     operation.count = count;
-    if (CannotTransfer() != FALSE || !Begin(operation)) {
+    if (CannotTransfer() != FALSE) {
+        return FALSE;
+    }
+    if (m_refuses && !m_port) {
+        return Fail(ERROR_BROKEN_PIPE); // at once: who hears that it is pending takes it for sent in part
+    }
+    if (!Begin(operation)) {
         return FALSE;
     }
     if (m_port) {
@@ -438,7 +444,7 @@ bool Pipe::SendSome() {
     if (errno != EAGAIN && errno != ENOBUFS) {
         // Bytes that came before the other end went can still be read; the writes have failed for good.
         FinishAll(m_writes, ERROR_BROKEN_PIPE);
-        m_hungUp = m_readable = true;
+        m_hungUp = m_readable = m_refuses = true;
     }
     return false;
 }
