@@ -162,7 +162,7 @@ bool Pipe::Accept(UniqueFd& socket) {
     m_socket = std::move(socket);
     WidenSendBuffer(m_socket);
     m_state = State::Connected;
-    m_readable = m_hungUp = m_refuses = m_watchesSpace = false;
+    m_readable = m_hungUp = m_watchesSpace = false;
     m_writable = true;
     WatchSocket();
     Finish(m_connect, ERROR_SUCCESS, 0);
@@ -205,8 +205,9 @@ BOOL Pipe::Write(const void* buffer, DWORD count, DWORD* transferred, OVERLAPPED
     if (CannotTransfer() != FALSE) {
         return FALSE;
     }
-    if (m_refuses && !m_port) {
-        return Fail(ERROR_BROKEN_PIPE); // at once: who hears that it is pending takes it for sent in part
+    if (m_hungUp && !m_port) {
+        // At once: who hears that a write is pending takes it for sent in part. On a port its completion tells.
+        return Fail(ERROR_BROKEN_PIPE);
     }
     if (!Begin(operation)) {
         return FALSE;
@@ -444,7 +445,7 @@ bool Pipe::SendSome() {
     if (errno != EAGAIN && errno != ENOBUFS) {
         // Bytes that came before the other end went can still be read; the writes have failed for good.
         FinishAll(m_writes, ERROR_BROKEN_PIPE);
-        m_hungUp = m_readable = m_refuses = true;
+        m_hungUp = m_readable = true;
     }
     return false;
 }

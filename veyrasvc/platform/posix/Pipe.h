@@ -98,7 +98,6 @@ private:
     bool m_readable = false; // the socket may have bytes, or news of its end
     bool m_writable = true;  // the socket may take bytes
     bool m_hungUp = false;   // the other end is gone; bytes may be left to read
-    bool m_refuses = false;  // a write has failed, as all will from now on
     bool m_dirty = false;    // the port knows that there is something to move
     bool m_watchesSpace = false;
     std::shared_ptr<CompletionPort> m_port;
