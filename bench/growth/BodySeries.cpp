@@ -1,5 +1,6 @@
 // The length of a body, and what a round trip costs in numbers that no clock disturbs.
 #include "bench/growth/Bus.h"
+#include "bench/growth/PlainCarriage.h"
 #include "bench/growth/Series.h"
 
 #include <deque>
@@ -27,6 +28,7 @@ void MeasureBodies(Results& results, double seconds) {
             asker.Order("ask", Asking(answerer.Module(), Message::kSwallow, bytes, seconds)).Number("p50");
         add("p50", "us", p50);
         if (bytes > 0) {
+            add("plain", "us", CarryPlainly(static_cast<std::size_t>(bytes), seconds));
             add("rate", "MB/s", bytes / p50);
         }
         add("host-peak", "MiB", bus.Host().Memory().peakMiB);

@@ -29,7 +29,8 @@ void MeasureSubscriptions(Results& results, double seconds);
 // meanwhile.
 void MeasureCallbacks(Results& results, double seconds);
 
-// `bodies`, over B of a request that has an empty answer: p50 in us; rate in MB/s; host-peak in MiB.
+// `bodies`, over B of a request that has an empty answer: p50 in us; plain, the same of PlainCarriage.h; rate in MB/s;
+// host-peak in MiB.
 void MeasureBodies(Results& results, double seconds);
 
 // `counted`, over B of a request and of its answer: switches and allocs of a round trip, of asker, host and answerer.
