@@ -204,6 +204,7 @@ const std::vector<Workload>& Workloads() {
         OneWay("post-64", 64, 4096),
         OneWay("post-4k", 4 << 10, 512),
         OneWay("post-1m", 1 << 20, 8),
+        OneWay("post-1m-x2", 1 << 20, 2),
         {"sync-64-x64",
          [](const Backend& backend, double seconds) { return MeasurePipeline(backend, 64, seconds, 64); }, ForStreams},
         {"publish-8",

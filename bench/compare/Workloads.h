@@ -35,6 +35,7 @@ struct Workload {
 //   sync-64-one-cpu     the same with all processes on one processor: no wake-up of a sleeping one, so it repeats best
 //   sync-64-apart       the same with the broker on the other processor (limits only)
 //   post-64, -4k, -1m   one way: messages in 1/s, bytes in B/s, broker-cpu in s for a million messages
+//   post-1m-x2          the same with two messages on their way instead of eight
 //   sync-64-x64         64 requests at a time: requests in 1/s
 //   publish-8           one publisher, eight subscribers, 64 B: deliveries in 1/s
 //   memory              of the broker with 0, 20, 90 idle clients: broker-0, broker-20, broker-90 in MiB
