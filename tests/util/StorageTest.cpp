@@ -18,12 +18,12 @@ struct Piece {
     char fill;
 };
 
-// Long and short, so that some are recycled, some fit each other, some are let go of, and one is the system's own.
+// Long and short, so that some are recycled, some fit each other, some are let go of, and two are the system's pages.
 std::vector<Piece> Make(unsigned seed) {
     std::minstd_rand random(seed);
     std::vector<Piece> pieces;
     for (int i = 0; i < 12; ++i) {
-        const std::size_t bytes = std::size_t{1} << (i == 0 ? 25 : random() % 6 + 16);
+        const std::size_t bytes = std::size_t{1} << (i < 2 ? 24 + i : random() % 6 + 16);
         pieces.push_back({AllocateStorage(bytes + random() % 1000), bytes, static_cast<char>(random())});
         EXPECT_EQ(reinterpret_cast<std::uintptr_t>(pieces.back().storage.get()) % 16, 0U);
         std::fill_n(pieces.back().storage.get(), bytes, pieces.back().fill);
@@ -71,6 +71,25 @@ TEST(StorageTest, WhatIsReservedGrowsInPlaceUpToItsEnd) {
         ASSERT_EQ(storage[static_cast<std::ptrdiff_t>(i)], static_cast<char>(i % 251)) << i;
     }
     EXPECT_THROW(CommitStorage(storage, 2 * kReserved), std::bad_alloc);
+}
+
+// Fresh pages would have to be cleared first.
+TEST(StorageTest, ALongBlockIsUsedAgainOnceAllOfItHasMemory) {
+    constexpr std::size_t kBytes = 50'000'000; // of a length that no other test takes
+    auto storage = ReserveStorage(kBytes);
+    CommitStorage(storage, kBytes / 2);
+    storage.reset();
+    storage = AllocateStorage(kBytes);
+    std::fill_n(storage.get(), kBytes, 'a'); // every byte of it
+    const char* const address = storage.get();
+    storage.reset();
+    storage = ReserveStorage(kBytes);
+    EXPECT_EQ(storage.get(), address);
+    CommitStorage(storage, 1);
+    CommitStorage(storage, kBytes);
+    std::fill_n(storage.get(), kBytes, 'b');
+    storage.reset();
+    EXPECT_EQ(AllocateStorage(kBytes).get(), address);
 }
 
 } // namespace

@@ -87,8 +87,8 @@ void* Map(SIZE_T bytes, bool commits) {
     return block;
 }
 
-// The pages of a part of one mapping.
-void* Commit(char* address, SIZE_T bytes) {
+// The pages of a part of one mapping: made usable, or their content given up.
+void* ChangePages(char* address, SIZE_T bytes, bool commits) {
     const auto page = static_cast<SIZE_T>(sysconf(_SC_PAGESIZE));
     Mappings& mappings = TheMappings();
     const std::lock_guard guard(mappings.mutex);
@@ -102,7 +102,8 @@ void* Commit(char* address, SIZE_T bytes) {
     if (bytes > length || to > length) {
         return FailToAllocate(ERROR_INVALID_ADDRESS);
     }
-    if (mprotect(begin + from, to - from, PROT_READ | PROT_WRITE) != 0) {
+    if ((commits ? mprotect(begin + from, to - from, PROT_READ | PROT_WRITE)
+                 : madvise(begin + from, to - from, MADV_FREE)) != 0) {
         return FailToAllocate(ERROR_NOT_ENOUGH_MEMORY);
     }
     return begin + from;
@@ -113,11 +114,11 @@ void* Commit(char* address, SIZE_T bytes) {
 void* VirtualAlloc(void* address, SIZE_T bytes, DWORD type, DWORD protection) {
     const bool commits = (type & MEM_COMMIT) != 0;
     const bool reserves = (type & MEM_RESERVE) != 0;
-    const bool isKnown = (type & ~(MEM_COMMIT | MEM_RESERVE)) == 0 && protection == PAGE_READWRITE;
-    if (!isKnown || bytes == 0 || reserves != (address == nullptr) || !(commits || reserves)) {
+    const bool isKnown = (type & ~(MEM_COMMIT | MEM_RESERVE)) == 0 || type == MEM_RESET;
+    if (!isKnown || protection != PAGE_READWRITE || bytes == 0 || reserves != (address == nullptr) || type == 0) {
         return FailToAllocate(ERROR_INVALID_PARAMETER);
     }
-    return reserves ? Map(bytes, commits) : Commit(static_cast<char*>(address), bytes);
+    return reserves ? Map(bytes, commits) : ChangePages(static_cast<char*>(address), bytes, commits);
 }
 
 BOOL VirtualFree(void* address, SIZE_T bytes, DWORD type) {

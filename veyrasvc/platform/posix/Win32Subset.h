@@ -182,9 +182,11 @@ HLOCAL LocalFree(HLOCAL block);
 constexpr DWORD MEM_COMMIT = 0x1000;
 constexpr DWORD MEM_RESERVE = 0x2000;
 constexpr DWORD MEM_RELEASE = 0x8000;
+constexpr DWORD MEM_RESET = 0x80000;
 constexpr DWORD PAGE_READWRITE = 4;
 
-// Zero-filled pages, all of them usable at once.
+// Zero-filled pages. MEM_RESET: what those of that range hold is of no interest until they are written to again, so the
+// system may take their memory; it may read as anything until then.
 void* VirtualAlloc(void* address, SIZE_T bytes, DWORD type, DWORD protection);
 BOOL VirtualFree(void* address, SIZE_T bytes, DWORD type);
 
