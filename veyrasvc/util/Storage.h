@@ -15,8 +15,8 @@ namespace Vantor::Sentrix {
 std::shared_ptr<char[]> AllocateStorage(std::size_t bytes);
 
 // The first: address space for that many bytes, none of which may be touched yet; it has memory already when it is a
-// block that was kept. The second: memory for as many of them, from the beginning; what is there stays when it is called
-// again for more.
+// block that was kept. The second: memory for as many of them, from the beginning; what is there stays when it is
+// called again for more.
 // Threads: any, one at a time for one storage.
 // Fails: std::bad_alloc.
 std::shared_ptr<char[]> ReserveStorage(std::size_t bytes);
