@@ -146,8 +146,7 @@ std::shared_ptr<char[]> ReserveStorage(std::size_t bytes) {
 
 void CommitStorage(const std::shared_ptr<char[]>& reserved, std::size_t bytes) {
     Block& block = *std::get_deleter<GiveBack>(reserved)->block;
-    const std::size_t needed =
-        Rounded(std::max(bytes, kPages)); // in the steps of its size, so that it is whole one day
+    const std::size_t needed = Rounded(std::max(bytes, kPages)); // as its size was, so that it gets there
     if (needed <= block.committed) {
         return;
     }
