@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <future>
+#include <memory>
 #include <new>
 #include <random>
 #include <vector>
@@ -75,7 +76,7 @@ TEST(StorageTest, WhatIsReservedGrowsInPlaceUpToItsEnd) {
 
 // Fresh pages would have to be cleared first.
 TEST(StorageTest, ALongBlockIsUsedAgainOnceAllOfItHasMemory) {
-    constexpr std::size_t kBytes = 50'000'000; // of a length that no other test takes
+    constexpr std::size_t kBytes = 48 * 1024 * 1024 - 64; // of a length that no other test takes
     auto storage = ReserveStorage(kBytes);
     CommitStorage(storage, kBytes / 2);
     storage.reset();
@@ -83,6 +84,9 @@ TEST(StorageTest, ALongBlockIsUsedAgainOnceAllOfItHasMemory) {
     std::fill_n(storage.get(), kBytes, 'a'); // every byte of it
     const char* const address = storage.get();
     storage.reset();
+    // Would take its place, had it been let go of: what the heap gets for this is as long as the block.
+    const auto other = std::make_unique<char[]>(kBytes);
+    EXPECT_EQ(std::count(other.get(), other.get() + kBytes, '\0'), kBytes);
     storage = ReserveStorage(kBytes);
     EXPECT_EQ(storage.get(), address);
     CommitStorage(storage, 1);
