@@ -105,6 +105,14 @@ Descriptor ConnectTcp(int port) {
     return connected;
 }
 
+std::pair<Descriptor, Descriptor> ConnectedPair() {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+        FailWithErrno("socketpair");
+    }
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
 int FreeTcpPort() {
     const Descriptor probe = NewSocket(AF_INET);
     sockaddr_in address = LocalAddress(0);

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace Vantor::Sentrix::Compare {
 
@@ -37,6 +38,8 @@ Descriptor Accept(const Descriptor& listener);
 Descriptor ConnectUnix(const std::string& path);
 // To 127.0.0.1, without the delay for small packets.
 Descriptor ConnectTcp(int port);
+// Two that are connected with each other.
+std::pair<Descriptor, Descriptor> ConnectedPair();
 // A port of 127.0.0.1 that nobody listens on at this moment.
 int FreeTcpPort();
 

@@ -3,8 +3,6 @@
 #include "bench/compare/Sockets.h"
 #include "tools/veyra/bench/Latencies.h"
 
-#include <sys/socket.h>
-
 #include <chrono>
 #include <string>
 #include <system_error>
@@ -17,14 +15,6 @@ namespace {
 
 using Compare::Descriptor;
 using Clock = Tool::Latencies::Clock;
-
-std::pair<Descriptor, Descriptor> Connection() {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
-        Compare::FailWithErrno("socketpair");
-    }
-    return {Descriptor(ends[0]), Descriptor(ends[1])};
-}
 
 void Fill(std::string& body, const Descriptor& from) {
     for (std::size_t at = 0; at < body.size();) {
@@ -55,8 +45,8 @@ void Swallow(Descriptor source, std::size_t bytes) try {
 } // namespace
 
 double CarryPlainly(std::size_t bytes, double seconds) {
-    auto [own, fromAsker] = Connection();
-    auto [toSink, sink] = Connection();
+    auto [own, fromAsker] = Compare::ConnectedPair();
+    auto [toSink, sink] = Compare::ConnectedPair();
     const std::jthread swallows(Swallow, std::move(sink), bytes);
     const std::jthread forwards(Forward, std::move(fromAsker), std::move(toSink), bytes);
     const Descriptor asker(std::move(own)); // closed before the threads are waited for, which ends them

@@ -110,7 +110,8 @@ std::shared_ptr<char[]> Shared(Block block) {
 }
 
 Block FromHeap(std::size_t size) {
-    return {{new char[size], [](char* bytes) { delete[] bytes; }}, size, size};
+    auto bytes = std::make_unique_for_overwrite<char[]>(size);
+    return {{bytes.release(), [](char* block) { std::default_delete<char[]>()(block); }}, size, size};
 }
 
 Block FromSystem(std::size_t size, DWORD type) {
