@@ -5,10 +5,12 @@
 #include "veyrasvc/platform/posix/MutexFile.h"
 #include "veyrasvc/platform/posix/SecurityDescriptor.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -121,6 +123,22 @@ TEST(PosixExtras, ClosingAPortEndsTheWaits) {
         }
         port.Close();
     }
+}
+
+TEST(PosixExtras, PagesThatAreResetAreTheSystemsToTakeUntilTheyAreWrittenTo) {
+    constexpr SIZE_T kBytes = 8 << 20;
+    char* const pages = static_cast<char*>(VirtualAlloc(nullptr, kBytes, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+    ASSERT_NE(pages, nullptr);
+    std::fill_n(pages, kBytes, 'a');
+    EXPECT_EQ(VirtualAlloc(pages, kBytes + 1, MEM_RESET, PAGE_READWRITE), nullptr) << "more than there is";
+    EXPECT_EQ(VirtualAlloc(nullptr, kBytes, MEM_RESET, PAGE_READWRITE), nullptr);
+    EXPECT_EQ(VirtualAlloc(pages, kBytes, MEM_RESET | MEM_COMMIT, PAGE_READWRITE), nullptr);
+    EXPECT_EQ(VirtualAlloc(pages, kBytes, MEM_RESET, PAGE_READWRITE), pages);
+    ASSERT_EQ(madvise(pages, kBytes, MADV_PAGEOUT), 0); // as the kernel does when memory is short
+    EXPECT_EQ(std::count(pages, pages + kBytes, 'a'), 0) << "none was kept";
+    std::fill_n(pages, kBytes, 'b');
+    EXPECT_EQ(std::count(pages, pages + kBytes, 'b'), static_cast<std::ptrdiff_t>(kBytes));
+    EXPECT_TRUE(VirtualFree(pages, 0, MEM_RELEASE));
 }
 
 TEST(PosixExtras, AFullDiskIsReported) {

@@ -16,8 +16,8 @@ namespace Vantor::Sentrix {
 //
 // Threads: any. Hooks run on pool threads, several at a time and beside any operation; the item's data is valid during
 // the hook. They may run as soon as the base is made and until its destructor returns: a subclass whose hooks use its
-// own members guards them against its own construction and destruction, and the base's hook may run instead of its own
-// meanwhile.
+// own members guards them against its own construction and destruction. An outcome that comes while a subclass is being
+// destroyed races with that for the hook: destroy it when none is to come.
 // Fails: no answer or no bus is an empty text or list, or -1, and a log line; nothing is tried again. An answer of the
 // wrong shape may throw, see each operation.
 // Requires: every deviceInfo is non-null.
