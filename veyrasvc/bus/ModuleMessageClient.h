@@ -203,7 +203,9 @@ private:
     std::uint32_t m_lastLeader = 0;
     std::uint64_t m_watchedPosition = 0;           // of the leader's batch at the last tick
     int m_quietTicks = 0;                          // since it moved
-    std::shared_ptr<CallbackBatch> m_leadersBatch; // shared with the leader, also one that was relieved
+    // Set from giving the connection away until it is taken back. That fact is this thread's own: the leadership word
+    // may have changed twice since the thread looked at it last. Shared with the leader, also one that was relieved.
+    std::shared_ptr<CallbackBatch> m_leadersBatch;
 
     // Touched only by who serves the connection.
     CallbackBatch m_ownBatch;                 // the I/O thread's

@@ -29,7 +29,7 @@ DWORD BaseMessageClient::WorkerProc(void* engine) {
 
 void BaseMessageClient::RunConnection() {
     while (m_stop == 0) {
-        if (!m_leadership.IsIoThreads()) {
+        if (m_leadersBatch) {
             StandBy();
         } else if (!m_connected) {
             m_connected = Connect(kConnectTimeoutMs);
@@ -44,7 +44,7 @@ void BaseMessageClient::RunConnection() {
             AskForLeader();
         }
     }
-    while (!m_leadership.IsIoThreads()) {
+    while (m_leadersBatch) {
         StandBy();
     }
     Disconnect();
