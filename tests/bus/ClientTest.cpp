@@ -307,6 +307,59 @@ TEST_F(ClientTest, PublicationsAndPresenceComeFromOtherProcessesAndThisOne) {
     EXPECT_TRUE(client.publications.IsEmpty());
 }
 
+// Receivers of one message that change its bytes, each in its own way, and then look whether they stay so.
+struct Editors {
+    void Edit(TagIPCMessageItem& item, char mark) {
+        EXPECT_TRUE(BodyOf(item) == body);
+        EXPECT_EQ(item.data[item.dataLen], '\0') << "behind the body";
+        std::fill_n(item.data, item.dataLen, mark);
+        inside.Add();
+        EXPECT_TRUE(inside.Await(all));
+        EXPECT_TRUE(BodyOf(item) == std::string(body.size(), mark));
+        done.Add();
+    }
+    const std::string body;
+    const int all;
+    Tally inside{};
+    Tally done{};
+};
+
+TEST_F(ClientTest, WhatACallbackDoesToItsBytesNobodyElseSees) {
+    constexpr int kPublished = 21;
+    Client first(kMe, true);
+    Client second(kMe, true);
+    for (const std::size_t length : {10U, 1000U, 4U << 20}) {
+        for (const bool encrypt : {false, true}) {
+            Editors editors{Pattern(length), 3};
+            char mark = 'a';
+            for (Client* each : {&first, &second}) {
+                const auto edit = [&editors, mark = mark++](TagIPCMessageItem& item) { editors.Edit(item, mark); };
+                each->RegisterMessageCallback(kEcho, edit);
+                each->RegisterPublishMessageCallback(edit);
+                each->SubscribeIPCMessage(kMe, kPublished);
+            }
+            TagIPCMessageItem request = Item(kEchoModule, encrypt ? kEchoEncrypted : kEcho, editors.body, kEcho, 5);
+            EXPECT_TRUE(first.SendIPCMessage(request, kEcho, kNoLimit,
+                                             [&](TagIPCMessageItem& answer) { editors.Edit(answer, 'x'); }));
+            EXPECT_TRUE(editors.done.Await(3)) << "two callbacks and the sender that waits";
+
+            Twin twin(kOther);
+            Editors others{Pattern(length, 1), 2 * 5};
+            for (Client* each : {&first, &second}) {
+                each->RegisterPublishMessageCallback(
+                    [&, each](TagIPCMessageItem& item) { others.Edit(item, each == &first ? 'a' : 'b'); });
+            }
+            for (int i = 0; i < 5; ++i) {
+                TagIPCMessageItem publication = Item(-1, kPublished, others.body);
+                EXPECT_TRUE(first.PublishIPCMessage(publication));
+            }
+            EXPECT_TRUE(others.done.Await(2 * 5));
+            Flush(first);
+            EXPECT_TRUE(twin.Seen() == std::vector<std::string>(5, others.body)) << "another process sees them whole";
+        }
+    }
+}
+
 TEST_F(ClientTest, MessagesFindTheirCallback) {
     Client client(kMe);
     std::string called;

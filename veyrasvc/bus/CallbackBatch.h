@@ -36,8 +36,8 @@ public:
 
     std::uint32_t Leader() const { return m_leader; }
 
-    // A message for that client. Where there is no memory for it, it is lost.
-    void Add(CallbackQueue& queue, CallbackQueue::Message message) noexcept;
+    // A message for that client. False: there is no memory for it, and it is lost.
+    bool Add(CallbackQueue& queue, CallbackQueue::Message message) noexcept;
     bool Empty() const { return m_entries.empty(); }
     // Runs or hands over one after another, until all are done or somebody has handed over the rest.
     void Run();

@@ -37,12 +37,12 @@ public:
 
     explicit CallbackQueue(IPCMessageClient& client) : m_client(client) {}
 
-    // The message is started by the batch that this thread collects, else by a work item. For all of these: where
-    // there is neither memory nor a thread for it, the message is lost, and nothing begins once the client is gone or
-    // the engine has stopped.
-    void Add(Message message) noexcept;
+    // The message is started by the batch that this thread collects, else by a work item. For all of these: nothing
+    // begins once the client is gone or the engine has stopped. False: there is no memory or thread for the message,
+    // and it is lost.
+    bool Add(Message message) noexcept;
     // By a work item.
-    void Post(Message message) noexcept;
+    bool Post(Message message) noexcept;
 
     // Whether this client's callbacks usually take less time than handing them to another thread does.
     bool RunsShort() const { return m_averageTime.load(std::memory_order_relaxed) < kShort.count(); }

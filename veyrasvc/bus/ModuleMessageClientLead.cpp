@@ -9,7 +9,6 @@ namespace Vantor::Sentrix {
 namespace {
 
 constexpr DWORD kConnectTimeoutMs = 1000;
-constexpr DWORD kReconnectIntervalMs = 1000;
 
 // How often a leader that runs callbacks is looked at, and for how many ticks after its last callback: about as many as
 // cost what waking the I/O thread for the next one does.
@@ -32,12 +31,9 @@ void BaseMessageClient::RunConnection() {
         if (m_leadersBatch) {
             StandBy();
         } else if (!m_connected) {
-            m_connected = Connect(kConnectTimeoutMs);
-            if (!m_connected && StopsWithin(kReconnectIntervalMs)) {
-                break;
-            }
+            Reconnect();
         } else if (m_broken || !MovePipe()) {
-            Disconnect();
+            EndConnection();
         } else if (m_candidate.exchange(false)) {
             HandOverConnection();
         } else if (m_wantsLeader) {
@@ -50,8 +46,23 @@ void BaseMessageClient::RunConnection() {
     Disconnect();
 }
 
-bool BaseMessageClient::StopsWithin(DWORD milliseconds) const {
-    return WaitForSingleObject(m_exitEvent, milliseconds) == WAIT_OBJECT_0;
+void BaseMessageClient::Reconnect() {
+    m_connected = Connect(kConnectTimeoutMs);
+    if (m_connected) {
+        m_connectedAt = std::chrono::steady_clock::now();
+    } else {
+        Pause(m_pauses.Next());
+    }
+}
+
+void BaseMessageClient::EndConnection() {
+    Disconnect();
+    Pause(m_pauses.AfterConnection(std::chrono::steady_clock::now() - m_connectedAt));
+}
+
+// Until the stop at the longest.
+void BaseMessageClient::Pause(std::chrono::milliseconds time) const {
+    WaitForSingleObject(m_exitEvent, static_cast<DWORD>(time.count()));
 }
 
 // This thread goes on serving until a leader is there, so nothing depends on when the pool has a thread for it.
