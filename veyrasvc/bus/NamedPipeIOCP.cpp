@@ -219,7 +219,7 @@ void IOCPServer::OperationAcceptProcess(IOCPContext& context, DWORD& bytes, IOCP
         m_connectedContexts.m_items[KeyOf(&context)] = &context;
     }
     if (!AssociateDeviceWithCompletionPort(m_completionPort, context.m_pipe, KeyOf(&context))) {
-        LOG_ERROR("Reconnect NamedPipe failed");
+        LOG_ERROR_ROUTINE("Reconnect NamedPipe failed");
     }
     buffer.m_length = bytes;
     {
@@ -439,7 +439,7 @@ bool IOCPServer::ServeOne() {
         return false;
     }
     if (succeeded == FALSE && overlapped == nullptr) {
-        LOG_ERROR("IPC-Server: worker thread Proc finish");
+        LOG_ERROR_ROUTINE("IPC-Server: worker thread Proc finish");
         return false;
     }
     auto* context = reinterpret_cast<IOCPContext*>(key);
@@ -457,14 +457,14 @@ bool IOCPServer::ServeOne() {
 }
 
 DWORD IOCPServer::WorkerThreadProc(void* server) {
-    LOG_ERROR("IPC-Server: worker thread Proc");
+    LOG_ERROR_ROUTINE("IPC-Server: worker thread Proc");
     while (static_cast<IOCPServer*>(server)->ServeOne()) {
     }
     return 0;
 }
 
 bool IOCPServer::Start() {
-    LOG_ERROR("IPC-Server: IOCP server start");
+    LOG_ERROR_ROUTINE("IPC-Server: IOCP server start");
     if (m_running.exchange(1) == 1) {
         return false;
     }
@@ -485,7 +485,7 @@ bool IOCPServer::Start() {
             break;
         }
     }
-    LOG_ERROR("IPC-Server: IOCP server start finish");
+    LOG_ERROR_ROUTINE("IPC-Server: IOCP server start finish");
     return true;
 }
 
