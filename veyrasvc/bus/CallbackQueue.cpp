@@ -123,7 +123,7 @@ void CallbackQueue::Deliver(Message message) noexcept {
         LOG_ERROR("ipc message callback threw. messageid=" << msgId);
     }
     if (timed) {
-        NoteTime(Clock::now() - begin);
+        NoteTime(std::min<std::chrono::nanoseconds>(Clock::now() - begin, kLongestMeasured));
     }
 }
 
@@ -137,8 +137,7 @@ bool CallbackQueue::IsTimed() {
 void CallbackQueue::NoteTime(std::chrono::nanoseconds took) {
     constexpr std::int64_t kWeight = 8;
     const std::int64_t average = m_averageTime.load(std::memory_order_relaxed);
-    const std::int64_t sample = std::min(took, kLongestNoted).count();
-    m_averageTime.store(average + (sample - average) / kWeight, std::memory_order_relaxed);
+    m_averageTime.store(average + (took.count() - average) / kWeight, std::memory_order_relaxed);
 }
 
 void CallbackQueue::Close() {

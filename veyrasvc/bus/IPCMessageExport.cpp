@@ -302,7 +302,7 @@ void IPCMessageClient::OnRecvIPCMessage(std::shared_ptr<BasePacket> packet) {
         const std::lock_guard guard(m_callbackMutex);
         const auto found = m_callbacks.find(Signed(msgId));
         if (found == m_callbacks.end()) {
-            LOG_WARN("fail to find async ipc message callback. messageid=" << msgId << ", m_moduleId=" << m_moduleId);
+            WarnOfMissingCallback(msgId, false);
             return;
         }
         callback = found->second;
@@ -319,12 +319,16 @@ void IPCMessageClient::OnRecvIPCMessage(std::shared_ptr<BasePacket> packet) {
     }
 }
 
-// A waiting sender takes it, which is how it should be.
-void IPCMessageClient::OnAnswerWithoutCallback(std::shared_ptr<BasePacket> packet) {
-    const std::uint32_t msgId = packet->GetMsgId();
+// Nothing is wrong where a waiting sender takes the message.
+void IPCMessageClient::WarnOfMissingCallback(std::uint32_t msgId, bool isAwaited) const {
     if (msgId != 0 && msgId != kNoMessage) {
-        LOG_WARN("fail to find async ipc message callback. messageid=" << msgId << ", m_moduleId=" << m_moduleId);
+        LOG_WARN_ROUTINE_IF(
+            isAwaited, "fail to find async ipc message callback. messageid=" << msgId << ", m_moduleId=" << m_moduleId);
     }
+}
+
+void IPCMessageClient::OnAnswerWithoutCallback(std::shared_ptr<BasePacket> packet) {
+    WarnOfMissingCallback(packet->GetMsgId(), true);
 }
 
 void IPCMessageClient::OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> packet) {

@@ -135,6 +135,7 @@ protected:
 private:
     bool Join(bool forwardPosts);
     void OnAnswerWithoutCallback(std::shared_ptr<BasePacket> packet);
+    void WarnOfMissingCallback(std::uint32_t msgId, bool isAwaited) const;
     bool LetsThrough(const BasePacket& packet, std::uint32_t& from);
     bool WantsMessage(const BasePacket& packet);
     bool WantsPublication(const BasePacket& packet);

@@ -8,9 +8,9 @@
 //
 // Who serves (the leader/followers pattern): the I/O thread connects and serves, and makes work items of callbacks.
 // Once callbacks are found to be short, it gives the connection to a leader, a pool thread, which runs them where it
-// has read their messages, so that no thread has to be woken for them. The I/O thread then watches: a leader whom a
-// callback holds up for a tick is relieved of the connection, and one that is about to wait for an answer gives it up
-// by itself. So a slow callback holds up nobody for longer.
+// has read their messages, so that no thread has to be woken for them. The I/O thread then watches: a leader that a
+// callback blocks for a tick, or keeps busy for some, is relieved of the connection, and one that is about to wait for
+// an answer gives it up by itself. So a slow callback holds up nobody for longer.
 //
 // Waits are woken exactly once: a ReplyWait is on the list from before its request leaves; whoever finds it there (an
 // answer, an offline notice, the end of the connection) stores the outcome, takes it off and then signals. What nobody
@@ -41,6 +41,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -177,6 +178,7 @@ private:
     void AskForLeader();
     void HandOverConnection();
     void StandBy();
+    bool LeaderIsHeldUp();
     void TakeConnectionBack();
 
     // A leader.
@@ -249,8 +251,9 @@ private:
     ReconnectPauses m_pauses{GetCurrentProcessId()};
     bool m_leaderAsked = false;
     std::uint32_t m_lastLeader = 0;
-    std::uint64_t m_watchedPosition = 0; // of the leader's batch at the last tick
-    int m_quietTicks = 0;                // since it moved
+    std::uint64_t m_watchedPosition = 0;                               // of the leader's batch at the last tick
+    int m_quietTicks = 0;                                              // since it moved
+    std::optional<std::chrono::steady_clock::time_point> m_stuckSince; // seen in one callback, tick after tick
     // Set from giving the connection away until it is taken back. That fact is this thread's own: the leadership word
     // may have changed twice since the thread looked at it last. Shared with the leader, also one that was relieved.
     std::shared_ptr<CallbackBatch> m_leadersBatch;

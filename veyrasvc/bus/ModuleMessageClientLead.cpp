@@ -14,6 +14,9 @@ constexpr DWORD kConnectTimeoutMs = 1000;
 // cost what waking the I/O thread for the next one does.
 constexpr DWORD kTickMs = 1;
 constexpr int kQuietTicks = 3;
+// How long a leader that could run may stay in one callback. It computes, or other programs have its processor: then a
+// relief would hand its callbacks to threads that would have to wait for a processor as well.
+constexpr std::chrono::milliseconds kBusyPatience{10};
 
 } // namespace
 
@@ -93,7 +96,11 @@ void BaseMessageClient::StandBy() {
     const std::uint64_t position = m_leadersBatch->Position();
     const bool moved = position != m_watchedPosition;
     m_watchedPosition = position;
-    if (running && (stopping || (result == WAIT_TIMEOUT && !moved)) && m_leadership.Relieve(m_lastLeader)) {
+    if (!running || moved) {
+        m_stuckSince.reset();
+    }
+    const bool isHeldUp = running && !moved && result == WAIT_TIMEOUT && LeaderIsHeldUp();
+    if (running && (stopping || isHeldUp) && m_leadership.Relieve(m_lastLeader)) {
         m_leadersBatch->HandOver();
     }
     if (m_leadership.IsIoThreads()) {
@@ -107,8 +114,16 @@ void BaseMessageClient::StandBy() {
     }
 }
 
+// Asked when it was in one callback for a tick.
+bool BaseMessageClient::LeaderIsHeldUp() {
+    const auto now = std::chrono::steady_clock::now();
+    m_stuckSince = m_stuckSince.value_or(now);
+    return !m_leadersBatch->CouldRun() || now - *m_stuckSince >= kBusyPatience;
+}
+
 void BaseMessageClient::TakeConnectionBack() {
     m_batch = &m_ownBatch;
+    m_stuckSince.reset();
     m_leadersBatch.reset(); // a leader that was relieved still holds it
     m_watched = false;
     m_watchedPosition = 0;
@@ -128,6 +143,7 @@ void BaseMessageClient::Lead() {
         return;
     }
     const auto batch = m_leadersBatch;
+    batch->RunsOnThisThread();
     bool works = true;
     while (works && m_stop == 0) {
         works = MovePipe();

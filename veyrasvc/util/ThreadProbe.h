@@ -6,7 +6,7 @@
 namespace Vantor::Sentrix {
 
 // Of the thread that makes it; any thread may ask.
-// Lifetime: ends before that thread does.
+// Lifetime: may outlive that thread; what it says then means nothing.
 class ThreadProbe {
 public:
     // Fails: a probe that cannot be had answers every question with false.
