@@ -137,7 +137,10 @@ TEST_F(MemoryStreamTest, FailedAllocationKeepsEverything) {
     EXPECT_EQ(stream.ToString(), "kept");
     EXPECT_EQ(log.Errors("Realloc Failed!"), 2);
     refuseMemory = false;
-    EXPECT_EQ(stream.Append('x', 9000).GetSize(), 9004);
+    EXPECT_EQ(stream.Append('x', 19'996).GetSize(), 20'000);
+    stream.SetCapacity(8192);
+    EXPECT_EQ(stream.GetSize(), 8192) << "cut with the capacity";
+    EXPECT_EQ(stream.ToString().size(), 8192U);
 }
 
 TEST_F(MemoryStreamTest, AppendsAndAssignsAlsoItself) {
