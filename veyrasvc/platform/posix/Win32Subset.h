@@ -230,7 +230,10 @@ constexpr DWORD FILE_SHARE_READ = 1;
 constexpr DWORD FILE_SHARE_WRITE = 2;
 constexpr DWORD CREATE_ALWAYS = 2;
 constexpr DWORD OPEN_EXISTING = 3;
+constexpr DWORD FILE_ATTRIBUTE_DIRECTORY = 0x10;
+constexpr DWORD FILE_ATTRIBUTE_DEVICE = 0x40;
 constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
+constexpr DWORD INVALID_FILE_ATTRIBUTES = 0xFFFFFFFF;
 constexpr DWORD FILE_FLAG_OVERLAPPED = 0x40000000;
 constexpr DWORD FILE_FLAG_WRITE_THROUGH = 0x80000000;
 constexpr DWORD FILE_TYPE_UNKNOWN = 0;
@@ -249,6 +252,7 @@ BOOL ReadFile(HANDLE file, void* buffer, DWORD count, DWORD* transferred, OVERLA
 BOOL WriteFile(HANDLE file, const void* buffer, DWORD count, DWORD* transferred, OVERLAPPED* overlapped);
 BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* newPosition, DWORD method);
 BOOL SetEndOfFile(HANDLE file);
+DWORD GetFileAttributesA(LPCSTR name);
 DWORD GetFileType(HANDLE file);
 
 // ---- Named pipes and completion ports ------------------------------------------------------------------------------
