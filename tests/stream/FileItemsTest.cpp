@@ -1,4 +1,4 @@
-#include "veyrasvc/stream/FileItems.h"
+#include "veyrasvc/util/FileItems.h"
 
 #include "tests/support/LogCapture.h"
 #include "veyrasvc/stream/SpanStream.h"
