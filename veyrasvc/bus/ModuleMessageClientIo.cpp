@@ -68,10 +68,10 @@ bool BaseMessageClient::Open(HANDLE& pipe) {
 
 // Modules that are registered meanwhile wait for the lock, and are then registered on this connection.
 bool BaseMessageClient::Connect(DWORD timeoutMs) {
-    if (!AwaitPipe(timeoutMs)) {
-        return false;
-    }
-    return Succeeds([this] {
+    return Succeeds([&] {
+        if (!AwaitPipe(timeoutMs)) {
+            return false;
+        }
         const AutoLock registering(&m_registrationLock);
         const BasePacket registration = MakeRegistration();
         Outgoing first;
