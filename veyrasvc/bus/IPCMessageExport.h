@@ -4,8 +4,8 @@
 //     client.RegisterMessageCallback(1, [&](TagIPCMessageItem& item) { ... });
 //     client.PostIPCMessage(item);
 //
-// The clients of a process share one connection, which is made and, once a second, made again by itself. What is sent
-// while there is none waits and leaves later, in order.
+// The clients of a process share one connection, which makes and renews itself: the host is looked for at short
+// intervals first, then once a second. What is sent while there is no connection waits and leaves later, in order.
 #pragma once
 
 #include "veyrasvc/bus/ModuleId.h" // the ids that the bus reserves
