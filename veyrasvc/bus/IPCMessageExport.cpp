@@ -140,10 +140,7 @@ IPCMessageClient::~IPCMessageClient() {
         engine.UnregisterClient(this);
         engine.UnregisterPublishHandler(this);
     }
-    UnRegisterMessageCallbackAll();
-    if (m_queue) {
-        m_queue->Close();
-    }
+    EndCallbacks();
 }
 
 // ---- Items and packets ---------------------------------------------------------------------------------------------
@@ -422,6 +419,13 @@ bool IPCMessageClient::UnRegisterMessageCallbackAll() {
     const std::lock_guard guard(m_subscribeMutex);
     m_subscriptions.clear();
     return true;
+}
+
+void IPCMessageClient::EndCallbacks() {
+    UnRegisterMessageCallbackAll();
+    if (m_queue) {
+        m_queue->Close();
+    }
 }
 
 bool IPCMessageClient::SubscribeIPCMessage(unsigned int moduleId, unsigned int msgId) {

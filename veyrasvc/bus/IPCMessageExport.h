@@ -115,6 +115,9 @@ public:
     bool UnRegisterMessageCallback(int msgId);
     // All of them, the publish callback and the subscriptions.
     bool UnRegisterMessageCallbackAll();
+    // Unregisters all of them for good: no callback begins any more, also of those registered later. Returns when none
+    // runs but those that the calling thread is inside of, so that what callbacks use may be destroyed.
+    void EndCallbacks();
 
     // Lets publications of that module through; message id 0: all of them, and the server's notices 0x10005 and
     // 0x10006 about the module, which then come from that module. False: there is no memory for it.
