@@ -87,6 +87,14 @@ File::~File() {
     }
 }
 
+HANDLE AddFile(int descriptor, DWORD access, bool inheritable) {
+    auto file = MakeObject<File>(descriptor, access, inheritable);
+    if (!file) {
+        close(descriptor);
+    }
+    return AddHandle(std::move(file));
+}
+
 // Reports the outcome of a transfer where the caller looks for it.
 BOOL File::Deliver(long result, bool endIsError, DWORD* transferred, OVERLAPPED* overlapped) {
     DWORD error = result < 0 ? ErrorFromErrno(errno) : NO_ERROR;

@@ -54,7 +54,7 @@ HANDLE OpenThread(DWORD /*access*/, BOOL /*inheritHandle*/, DWORD threadId) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    return AddHandle(std::make_shared<ThreadReference>(id));
+    return AddHandle(MakeObject<ThreadReference>(id));
 }
 
 NTSTATUS NtQueryInformationThread(HANDLE thread, THREADINFOCLASS informationClass, void* information, ULONG length,
