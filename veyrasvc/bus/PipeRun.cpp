@@ -63,11 +63,12 @@ bool PipeRun::Begin() {
         return false;
     }
     static_cast<void>(workersShare.release()); // the worker's
-    for (std::int64_t i = 0; i < kAcceptCount; ++i) {
+    for (std::int64_t i = 0; i < kAcceptCount && !m_lacksPlaces; ++i) {
         IOCPBuffer* buffer = AllocateBuffer(kPipeIoBytes);
-        if (buffer != nullptr && !PostAccept(*buffer)) {
-            break;
-        }
+        m_lacksPlaces = buffer == nullptr || !PostAccept(*buffer);
+    }
+    if (m_lacksPlaces) { // the worker, which may sleep without a limit, tries again
+        PostQueuedCompletionStatus(m_completionPort, 0, 0, nullptr);
     }
     return true;
 }
