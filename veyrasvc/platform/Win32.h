@@ -46,8 +46,12 @@
 
 namespace Vantor::Sentrix {
 
-// The system's headers leave these out.
-inline const auto ThreadSystemThreadInformation = static_cast<THREADINFOCLASS>(40);
+// The system's headers leave these out. The number lies beyond what the compiler takes for the enumeration's range, but
+// it is passed on as an integer and nothing else.
+inline THREADINFOCLASS InformationClassOf(int number) {
+    return static_cast<THREADINFOCLASS>(number);
+}
+inline const THREADINFOCLASS ThreadSystemThreadInformation = InformationClassOf(40);
 constexpr ULONG StateWait = 5;
 
 } // namespace Vantor::Sentrix
