@@ -17,8 +17,10 @@ constexpr double kGraceSeconds = 3;
 struct Lane {
     static constexpr double kEnded = -1;
 
-    int to;
-    unsigned int limitMs;
+    Lane(int module, unsigned int longestMs) : to(module), limitMs(longestMs) {}
+
+    const int to;
+    const unsigned int limitMs;
     double LimitSeconds() const { return limitMs / 1000.0; }
 
     std::atomic<double> since{0}; // when the request began that waits now; 0: none waits

@@ -86,7 +86,8 @@ std::string Ledger::Table() const {
         }
         const auto faults = m_faults.find(scenario);
         const std::string verdict = faults == m_faults.end() ? "good" : "BAD: " + Join(faults->second, "; ");
-        table += "| " + scenario + " | " + verdict + " | " + Join(counted, ", ") + " |\n";
+        table.append("| ").append(scenario).append(" | ").append(verdict).append(" | ").append(Join(counted, ", "));
+        table += " |\n";
     }
     return table;
 }

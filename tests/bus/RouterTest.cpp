@@ -1,9 +1,9 @@
 // The router, with peers that write the wire by themselves.
-#include "tests/support/BusProgram.h"
-#include "veyrasvc/bus/BasePacket.h"
-#include "tests/support/LogCapture.h"
-#include "veyrasvc/bus/ModuleMessageServer.h"
 #include "veyrasvc/bus/Router.h"
+#include "tests/support/BusProgram.h"
+#include "tests/support/LogCapture.h"
+#include "veyrasvc/bus/BasePacket.h"
+#include "veyrasvc/bus/ModuleMessageServer.h"
 #include "veyrasvc/util/ByteOrder.h"
 
 #include <algorithm>

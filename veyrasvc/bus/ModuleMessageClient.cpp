@@ -388,9 +388,8 @@ bool BaseMessageClient::IsAwaited(const BasePacket& packet) {
         return false; // a sender counts itself before its request leaves
     }
     const AutoLock lock(&m_replyWaits);
-    const auto& waits = m_replyWaits.m_items;
-    return std::any_of(waits.begin(), waits.end(),
-                       [&](const auto& wait) { return MatchOf(*wait, packet) != Match::None; });
+    const auto isMatch = [&](const auto& wait) { return MatchOf(*wait, packet) != Match::None; };
+    return std::any_of(m_replyWaits.m_items.begin(), m_replyWaits.m_items.end(), isMatch);
 }
 
 namespace {
