@@ -1,7 +1,9 @@
 // The router, with peers that write the wire by themselves.
 #include "tests/support/BusProgram.h"
 #include "veyrasvc/bus/BasePacket.h"
+#include "tests/support/LogCapture.h"
 #include "veyrasvc/bus/ModuleMessageServer.h"
+#include "veyrasvc/bus/Router.h"
 #include "veyrasvc/util/ByteOrder.h"
 
 #include <algorithm>
@@ -21,10 +23,10 @@ constexpr std::uint32_t kNobody = 0xDEAD;       // never registered
 constexpr std::uint32_t kFirstPid = 0x7F000001; // above all process ids of the system
 
 // A router that tells how many connections it has.
-class WatchedRouter : public ModuleMessageServer {
+class WatchedRouter : public Router {
 public:
     bool OnNewConnection(IOCPContext* context) override {
-        const bool accepted = ModuleMessageServer::OnNewConnection(context);
+        const bool accepted = Router::OnNewConnection(context);
         if (accepted && m_contexts.insert(context).second) {
             m_accepted.Add();
             m_live.Add();
@@ -32,16 +34,19 @@ public:
         return accepted;
     }
     void OnConnectionClose(IOCPContext* context, IOCPBuffer* buffer, DWORD error) override {
-        ModuleMessageServer::OnConnectionClose(context, buffer, error);
-        if (m_contexts.erase(context) != 0) {
-            m_live.Add(-1);
-        }
+        Router::OnConnectionClose(context, buffer, error);
+        m_live.Add(m_contexts.erase(context) != 0 ? -1 : 0);
     }
     Tally m_accepted;
     Tally m_live;
 
 private:
     std::set<IOCPContext*> m_contexts;
+};
+
+struct WatchedServer : ModuleMessageServer {
+    std::shared_ptr<PipeEvents> EventsOfRun() override { return router; }
+    const std::shared_ptr<WatchedRouter> router = std::make_shared<WatchedRouter>();
 };
 
 struct Peer : RawPeer {
@@ -65,17 +70,17 @@ std::string Describe(const std::string& frame) {
 class RouterTest : public testing::Test {
 protected:
     static void SetUpTestSuite() {
-        s_router = new WatchedRouter;
-        ASSERT_TRUE(s_router->Start());
+        s_server = new WatchedServer;
+        s_router = s_server->router.get();
+        ASSERT_TRUE(s_server->Start());
         RawPeer first;
         first.Register(kFirstPid, "");
-        EXPECT_TRUE(s_router->m_live.AwaitExactly(2)); // this one, and the bus's own client
-        const auto notice = first.NextFrame();         // its notice comes once it is registered, and no test expects it
+        const auto notice = first.NextFrame(); // of the router's own module, which no test expects
         EXPECT_TRUE(notice && Describe(*notice) == "+65536");
     }
     static void TearDownTestSuite() {
-        s_router->Stop();
-        delete s_router;
+        s_server->Stop();
+        delete s_server;
     }
     void SetUp() override {
         m_observer = &Join(900);
@@ -89,7 +94,7 @@ protected:
     void AwaitConnections() {
         const auto isOpen = [](const auto& peer) { return peer->IsOpen(); };
         const auto open = std::count_if(m_peers.begin(), m_peers.end(), isOpen);
-        EXPECT_TRUE(s_router->m_live.AwaitExactly(static_cast<int>(open) + 1)); // and the bus's own client
+        EXPECT_TRUE(s_router->m_live.AwaitExactly(static_cast<int>(open)));
     }
     Peer& Connect() {
         m_peers.push_back(std::make_unique<Peer>());
@@ -109,8 +114,8 @@ protected:
         AwaitConnections();
     }
 
-    // The frames that `reader` got until everything that was sent before had been routed. It rests on two orders: of
-    // one connection to another, and of the router's notices among each other.
+    // The frames that `reader` got until everything that was sent before had been routed. It rests on the order of all
+    // that the router sends to one peer.
     Lines SeenFrames(Peer& reader) {
         Lines frames;
         const auto readTo = [&](const std::string& text) {
@@ -141,10 +146,12 @@ protected:
         return lines;
     }
 
+    static WatchedServer* s_server;
     static WatchedRouter* s_router;
     std::vector<std::unique_ptr<Peer>> m_peers;
     Peer* m_observer = nullptr;
 };
+WatchedServer* RouterTest::s_server = nullptr;
 WatchedRouter* RouterTest::s_router = nullptr;
 
 RawPacket Registration(const std::string& text, bool encrypted) {
@@ -305,9 +312,7 @@ TEST_F(RouterTest, FramesThatComeTogetherGoTheirWaysInOrder) {
     together += RawPacket{.to = kServer, .from = sender.id, .msgId = kRegistration, .body = "10 12 "}.Frame();
     add(12, "late");
     sender.Send(together);
-    Lines seen = Seen(sender);
-    std::sort(seen.begin(), seen.end()); // notices and frames come by different roads
-    EXPECT_EQ(seen, (Lines{"+12", "late", "off 12", "off 77", "off 77", "off 77"}));
+    EXPECT_EQ(Seen(sender), (Lines{"off 77", "off 77", "off 77", "off 12", "+12", "late"}));
     for (Lines& lines : expected) {
         lines.push_back("+12");
         EXPECT_TRUE(Seen(*receivers[&lines - expected]) == lines) << &lines - expected;
@@ -330,7 +335,8 @@ TEST_F(RouterTest, DamageHurtsTheOneWhoSendsIt) {
         {good + badHeader + good, true, {"good"}},
         {Pattern(5000), true, {}},
         {badPayload + good + good, false, {"good", "good"}},
-        {RawFrame("") + RawFrame(std::string("\0\0\3", 3)) + good, false, {"", "good", "off 768"}}, // to 0 and to 0x300
+        {RawFrame("") + RawFrame(std::string(15, '\1')) + good, false, {"good"}},
+        {RawFrame(std::string("\0\0\3", 3) + std::string(13, '\0')) + good, false, {"off 768", "good"}}, // 0 to 0x300
         {RawHeader(0xFFFFFFFF, 0) + good, false, {}},
         {good.substr(0, good.size() - 1), false, {}},
         {std::string(15, 'x'), false, {}},
@@ -344,15 +350,13 @@ TEST_F(RouterTest, DamageHurtsTheOneWhoSendsIt) {
             if (one.dropped) {
                 subject.AwaitDrop();
             }
-            // Before it leaves: a notice that is written to who has left ends the connection, with what is unread.
             Lines seen;
-            while (!one.dropped && seen.size() < one.seen.size()) {
+            while (!one.dropped && seen.size() < one.seen.size()) { // before it leaves with what is unread
                 seen.push_back(Describe(m_observer->NextFrame().value_or("nothing came")));
             }
             Leave(subject);
             const Lines rest = Seen(*m_observer);
             seen.insert(seen.end(), rest.begin(), rest.end());
-            std::sort(seen.begin(), seen.end()); // notices and frames come by different roads
             EXPECT_EQ(seen, one.seen) << &one - cases;
         }
     }

@@ -406,8 +406,9 @@ IPCMessageServer::IPCMessageServer() : m_server(nullptr) {
 }
 
 void IPCMessageServer::Init() {
-    m_server = new (std::nothrow) ModuleMessageServer;
-    if (m_server == nullptr) {
+    try {
+        m_server = new ModuleMessageServer;
+    } catch (const std::bad_alloc&) {
         LOG_ERROR("create messageServer fail");
     }
 }

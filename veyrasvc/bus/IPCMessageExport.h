@@ -168,8 +168,10 @@ public:
 
     // Serves from now on: 20 clients can connect at once, 100 can be connected. False when it runs already or there
     // was no memory to create it. What else goes wrong is logged: see IsIPCServerPresent for whether it is reachable.
+    // A server that could not have its port or its worker refuses clients; Stop and Start try again.
     bool Start();
-    // Disconnects everybody. Waits at most about four seconds; normally no time at all. Start may follow.
+    // Disconnects everybody. Waits at most about two seconds, normally no time at all, and leaves a worker that is held
+    // up (by an appender of the log, say) to end by itself. Start may follow in any case.
     void Stop();
 
 private:
