@@ -1,12 +1,13 @@
 // The router, with peers that write the wire by themselves.
-#include "tests/support/BusProgram.h"
-#include "veyrasvc/bus/BasePacket.h"
-#include "tests/support/LogCapture.h"
-#include "veyrasvc/bus/ModuleMessageServer.h"
 #include "veyrasvc/bus/Router.h"
+#include "tests/support/BusProgram.h"
+#include "tests/support/LogCapture.h"
+#include "veyrasvc/bus/BasePacket.h"
+#include "veyrasvc/bus/ModuleMessageServer.h"
 #include "veyrasvc/util/ByteOrder.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <set>
 
 namespace Vantor::Sentrix {
@@ -154,6 +155,14 @@ protected:
 WatchedServer* RouterTest::s_server = nullptr;
 WatchedRouter* RouterTest::s_router = nullptr;
 
+// Of this process, where the system tells; else 0.
+std::size_t ThreadCount() {
+    const std::filesystem::path tasks = "/proc/self/task";
+    return std::filesystem::exists(tasks)
+               ? static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(tasks), {}))
+               : 0;
+}
+
 RawPacket Registration(const std::string& text, bool encrypted) {
     RawPacket packet = {.to = kServer, .from = kFirstPid, .msgId = kRegistration, .encrypted = encrypted, .body = text};
     EXPECT_TRUE(!encrypted || BasePacket::EncryptData(text.data(), text.size(), packet.body, packet.iv));
@@ -241,6 +250,66 @@ TEST_F(RouterTest, StatusQueriesAreAnsweredToTheAsker) {
         EXPECT_EQ(Describe(m_observer->NextFrame().value_or("")), answer);
     }
     EXPECT_EQ(Seen(*m_observer), Lines{});
+}
+
+// What is addressed to the router costs it a turn of its worker: no thread, no queue, no line for each.
+TEST_F(RouterTest, BurstsToTheRouterDrownNobody) {
+    constexpr std::size_t kMany = 20'000;
+    const std::string query =
+        RawPacket{.to = kServer, .from = 80, .msgId = kStatusQuery, .body = LittleEndian(900)}.Frame();
+    struct Case {
+        std::string frame;
+        Lines seen; // by the sender, for each
+    };
+    const Case cases[] = {
+        {query, {"on 900"}},
+        {RawPacket{.to = kServer, .from = 80, .msgId = 7, .body = "?"}.Frame(), {}},
+        {RawPacket{.to = 0, .from = 80, .msgId = 0, .body = ""}.Frame(), {}},
+        {RawFrame(""), {}},
+    };
+    const std::size_t threads = ThreadCount();
+    Peer& sender = Join(80);
+    Seen(sender);
+    const LogCapture log;
+    GetLogger().setLogLevel(log4cplus::WARN_LOG_LEVEL);
+    for (const Case& one : cases) {
+        std::string burst;
+        Lines expected;
+        for (std::size_t i = 0; i < kMany; ++i) {
+            burst += one.frame;
+            expected.insert(expected.end(), one.seen.begin(), one.seen.end());
+        }
+        sender.Send(burst);
+        EXPECT_TRUE(Seen(sender) == expected) << &one - cases;
+        Peer& newcomer = Join(81);
+        EXPECT_EQ(Seen(newcomer), Lines{"+81"}) << &one - cases;
+        Leave(newcomer);
+        Seen(sender);
+        Seen(*m_observer);
+    }
+    EXPECT_EQ(ThreadCount(), threads);
+    const auto unhandled = [](const std::string& from) { return "fail to find async ipc message callback" + from; };
+    EXPECT_EQ(log.Count(log4cplus::WARN_LOG_LEVEL, unhandled(". messageid=7, m_moduleId=65536")), 10);
+    EXPECT_EQ(log.Count(log4cplus::WARN_LOG_LEVEL,
+                        "frames without a whole head are dropped. pid=" + std::to_string(kFirstPid + 2)),
+              1);
+}
+
+// The ten lines are used up by now, so each of these is summed up, by a worker that has nothing else to do.
+TEST_F(RouterTest, UnhandledMessagesAreSummedUp) {
+    LogCapture log;
+    m_observer->Send(RawPacket{.to = kServer, .from = 900, .msgId = 7});
+    const auto isSum = [](const LogCapture::Line& line) {
+        return line.second.find("more messages") != std::string::npos;
+    };
+    const auto end = std::chrono::steady_clock::now() + kAwaitLimit;
+    bool summed = false;
+    while (!summed && std::chrono::steady_clock::now() < end) {
+        const auto lines = log.Take();
+        summed = std::any_of(lines.begin(), lines.end(), isSum);
+        std::this_thread::yield();
+    }
+    EXPECT_TRUE(summed);
 }
 
 TEST_F(RouterTest, FramesGoWhereTheTableSendsThem) {
