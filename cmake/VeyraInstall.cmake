@@ -18,6 +18,8 @@ set(public_headers
   veyrasvc/stream/FileItems.h
   veyrasvc/stream/SimpleStream.h
   veyrasvc/stream/HashUtils.h
+  veyrasvc/util/FileItems.h
+  veyrasvc/util/HashUtils.h
   veyrasvc/util/Locks.h
   veyrasvc/util/SystemVersion.h
   veyrasvc/util/ThreadSafety.h)

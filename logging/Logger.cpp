@@ -24,6 +24,7 @@ namespace {
 
 std::atomic<bool> gateClosed{false};
 std::atomic<int> passesHeld{0};
+thread_local bool isRoutineWritten = false;
 
 // Statements are short; one that hangs (a full disk, a stopped terminal) must not keep the process from exiting.
 constexpr std::chrono::milliseconds kExitPatience{500};
@@ -64,21 +65,28 @@ protected:
     }
 };
 
-void LogToStandardError(log4cplus::Logger& logger) {
+void LogToStandardError(log4cplus::Logger& logger, bool withRoutine) {
     log4cplus::SharedAppenderPtr appender(new LineAppender);
     appender->setLayout(std::make_unique<log4cplus::PatternLayout>(Wide("%D{%H:%M:%S.%q} %-5p %m [%b:%L]%n")));
+    if (!withRoutine) {
+        appender->addFilter([](const log4cplus::spi::InternalLoggingEvent&) {
+            return isRoutineWritten ? log4cplus::spi::DENY : log4cplus::spi::NEUTRAL;
+        });
+    }
     logger.addAppender(appender);
     logger.setAdditivity(false);
     logger.setLogLevel(log4cplus::WARN_LOG_LEVEL);
 }
 
-void ApplyLevel(log4cplus::Logger& logger, const std::string& name) {
-    const auto level = log4cplus::getLogLevelManager().fromString(Wide(name));
-    if (level == log4cplus::NOT_SET_LOG_LEVEL) {
+// Not set when the environment names none, or one that does not exist.
+log4cplus::LogLevel ChosenLevel() {
+    const std::string name = Environment("VEYRA_LOG_LEVEL");
+    const auto level =
+        name.empty() ? log4cplus::NOT_SET_LOG_LEVEL : log4cplus::getLogLevelManager().fromString(Wide(name));
+    if (!name.empty() && level == log4cplus::NOT_SET_LOG_LEVEL) {
         std::cerr << "veyrasvc: VEYRA_LOG_LEVEL names no level: " << name << '\n';
-        return;
     }
-    logger.setLogLevel(level);
+    return level;
 }
 
 log4cplus::Logger* MakeLogger() {
@@ -86,6 +94,7 @@ log4cplus::Logger* MakeLogger() {
     log4cplus::setThreadPoolSize(1); // serves asynchronous appenders alone; its default is four idle threads
     auto* logger = new log4cplus::Logger(log4cplus::Logger::getInstance(Wide("veyrasvc")));
 
+    const log4cplus::LogLevel level = ChosenLevel();
     const std::string config = Environment("VEYRA_LOG_CONFIG");
     if (!config.empty() && std::ifstream(config).good()) {
         log4cplus::PropertyConfigurator::doConfigure(Wide(config));
@@ -93,10 +102,10 @@ log4cplus::Logger* MakeLogger() {
         if (!config.empty()) {
             std::cerr << "veyrasvc: VEYRA_LOG_CONFIG cannot be read: " << config << '\n';
         }
-        LogToStandardError(*logger);
+        LogToStandardError(*logger, level != log4cplus::NOT_SET_LOG_LEVEL);
     }
-    if (const std::string level = Environment("VEYRA_LOG_LEVEL"); !level.empty()) {
-        ApplyLevel(*logger, level);
+    if (level != log4cplus::NOT_SET_LOG_LEVEL) {
+        logger->setLogLevel(level);
     }
     std::atexit(CloseGate); // runs before log4cplus's own end, which was set up before this
     return logger;
@@ -120,6 +129,14 @@ LogPass::LogPass() {
 
 LogPass::~LogPass() {
     passesHeld.fetch_sub(1);
+}
+
+RoutineMark::RoutineMark(bool isRoutine) {
+    isRoutineWritten = isRoutine;
+}
+
+RoutineMark::~RoutineMark() {
+    isRoutineWritten = false;
 }
 
 } // namespace Vantor::Sentrix

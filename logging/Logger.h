@@ -3,8 +3,9 @@
 // Configured once, by the first GetLogger(), from the environment:
 //   VEYRA_LOG_CONFIG  a log4cplus properties file; it decides everything (appenders, layouts, levels)
 //   VEYRA_LOG_LEVEL   a level name (TRACE, DEBUG, INFO, WARN, ERROR, FATAL, OFF) for this logger
-// With neither, WARN and above go to standard error, each line in one piece; one that cannot be written is lost. A file
-// that cannot be read or a level that does not exist is reported there too, and the default holds.
+// With neither, WARN and above go to standard error, each line in one piece; one that cannot be written is lost. What a
+// healthy bus says at these levels is left out unless a level is named. A file that cannot be read or a level that does
+// not exist is reported there too, and the default holds.
 #pragma once
 
 #include "logging/Export.h"
@@ -34,6 +35,15 @@ public:
 
 private:
     bool m_open;
+};
+
+// While it lives, what its thread logs is routine: the default output leaves it out, every other appender gets it.
+class LOGGING_API RoutineMark {
+public:
+    explicit RoutineMark(bool isRoutine);
+    ~RoutineMark();
+    RoutineMark(const RoutineMark&) = delete;
+    RoutineMark& operator=(const RoutineMark&) = delete;
 };
 
 } // namespace Vantor::Sentrix

@@ -38,7 +38,7 @@ void ServiceModule::Post(const Asker& asker, std::int32_t messageId, const std::
 bool ServiceModule::AwaitBus(std::function<void(std::int32_t moduleId)> onGone) {
     constexpr std::chrono::hours kAlways{24 * 365};
     const auto moduleId = static_cast<std::uint32_t>(m_moduleId);
-    if (Support::StatusQuery(m_client).Ask(moduleId, kAlways) != Support::ModuleStatus::Online) {
+    if (Support::StatusQuery(m_client).Await(moduleId, kAlways) != Support::ModuleStatus::Online) {
         return false;
     }
     m_client.RegisterMessageCallback(static_cast<int>(ControlMessage::kModuleOffline),

@@ -183,45 +183,6 @@ TEST_F(ClientTest, ModulesOfOneIdAllReceiveAndStayOnlineUntilTheLastIsGone) {
     EXPECT_EQ(client.bodies.Take(), "offline");
 }
 
-TEST_F(ClientTest, SubscriptionsDecideWhatIsSeen) {
-    using Pairs = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
-    const std::string about7 = LittleEndian(7);
-    struct Case {
-        Pairs subscribed;
-        Pairs takenBack;
-        BasePacket packet;
-        std::uint32_t seenFrom; // 0: not seen
-    };
-    const Case cases[] = {
-        {{}, {}, Packet(7, 5), 0},
-        {{{7, 5}}, {}, Packet(7, 5), 7},
-        {{{7, 5}}, {}, Packet(7, 6), 0},
-        {{{8, 5}, {7, 0}}, {}, Packet(7, 6), 7},
-        {{{7, 5}, {7, 5}}, {{7, 5}}, Packet(7, 5), 0},
-        {{{7, 0}}, {{7, 5}}, Packet(7, 5), 7},
-        {{{7, 5}, {7, 6}}, {{7, 0}}, Packet(7, 5), 0},
-        {{{7, 0}}, {}, Packet(0x10000, 0x10005, 0x10004, about7 + "x"), 7},
-        {{{7, 0x10006}}, {}, Packet(0x10000, 0x10006, 0x10004, about7), 7},
-        {{{7, 0x10005}}, {}, Packet(0x10000, 0x10006, 0x10004, about7), 0},
-        {{{7, 0}}, {}, Packet(0x10000, 0x10006, 0x10004, LittleEndian(8)), 0},
-        {{{7, 0}}, {}, Packet(0x10000, 0x10006, 0x10004, "\7"), 0},
-        {{{0x10000, 0}}, {}, Packet(0x10000, 0x10006, 0x10004, about7), 0x10000},
-    };
-    for (const Case& one : cases) {
-        Client client(kMe);
-        for (const auto& [moduleId, msgId] : one.subscribed) {
-            client.SubscribeIPCMessage(moduleId, msgId);
-        }
-        for (const auto& [moduleId, msgId] : one.takenBack) {
-            client.UnSubscribeIPCMessage(moduleId, msgId);
-        }
-        BasePacket packet = one.packet;
-        EXPECT_EQ(client.Bregister(packet) ? packet.GetFrom() : 0, one.seenFrom) << &one - cases;
-        client.UnRegisterMessageCallbackAll();
-        EXPECT_FALSE(client.Bregister(packet));
-    }
-}
-
 // Subscriptions as a list that is looked through from its beginning.
 struct SubscriptionList : std::vector<std::pair<std::uint32_t, std::uint32_t>> {
     void Remove(std::uint32_t moduleId, std::uint32_t msgId) {
@@ -247,7 +208,7 @@ struct SubscriptionList : std::vector<std::pair<std::uint32_t, std::uint32_t>> {
     }
 };
 
-TEST_F(ClientTest, TheEarliestOfManySubscriptionsDecides) {
+TEST_F(ClientTest, SubscriptionsDecideWhatIsSeenAndTheEarliestOfThem) {
     constexpr std::uint32_t kModules[] = {0, 7, 8, 0x10000, 0xFFFFFFFF};
     constexpr std::uint32_t kMessages[] = {0, 5, 0x10005, 0x10006, 0xFFFFFFFF};
     std::mt19937 random(1);
@@ -269,6 +230,10 @@ TEST_F(ClientTest, TheEarliestOfManySubscriptionsDecides) {
         BasePacket same = packet;
         ASSERT_EQ(client.Bregister(packet), list.LetsThrough(same)) << i;
         ASSERT_EQ(packet.GetFrom(), same.GetFrom()) << i;
+        if (random() % 100 == 0) {
+            client.UnRegisterMessageCallbackAll();
+            list.clear();
+        }
     }
 }
 
@@ -305,6 +270,59 @@ TEST_F(ClientTest, PublicationsAndPresenceComeFromOtherProcessesAndThisOne) {
         }
     }
     EXPECT_TRUE(client.publications.IsEmpty());
+}
+
+// Receivers of one message that change its bytes, each in its own way, and then look whether they stay so.
+struct Editors {
+    void Edit(TagIPCMessageItem& item, char mark) {
+        EXPECT_TRUE(BodyOf(item) == body);
+        EXPECT_EQ(item.data[item.dataLen], '\0') << "behind the body";
+        std::fill_n(item.data, item.dataLen, mark);
+        inside.Add();
+        EXPECT_TRUE(inside.Await(all));
+        EXPECT_TRUE(BodyOf(item) == std::string(body.size(), mark));
+        done.Add();
+    }
+    const std::string body;
+    const int all;
+    Tally inside{};
+    Tally done{};
+};
+
+TEST_F(ClientTest, WhatACallbackDoesToItsBytesNobodyElseSees) {
+    constexpr int kPublished = 21;
+    Client first(kMe, true);
+    Client second(kMe, true);
+    for (const std::size_t length : {10U, 1000U, 4U << 20}) {
+        for (const bool encrypt : {false, true}) {
+            Editors editors{Pattern(length), 3};
+            char mark = 'a';
+            for (Client* each : {&first, &second}) {
+                const auto edit = [&editors, mark = mark++](TagIPCMessageItem& item) { editors.Edit(item, mark); };
+                each->RegisterMessageCallback(kEcho, edit);
+                each->RegisterPublishMessageCallback(edit);
+                each->SubscribeIPCMessage(kMe, kPublished);
+            }
+            TagIPCMessageItem request = Item(kEchoModule, encrypt ? kEchoEncrypted : kEcho, editors.body, kEcho, 5);
+            EXPECT_TRUE(first.SendIPCMessage(request, kEcho, kNoLimit,
+                                             [&](TagIPCMessageItem& answer) { editors.Edit(answer, 'x'); }));
+            EXPECT_TRUE(editors.done.Await(3)) << "two callbacks and the sender that waits";
+
+            Twin twin(kOther);
+            Editors others{Pattern(length, 1), 2 * 5};
+            for (Client* each : {&first, &second}) {
+                each->RegisterPublishMessageCallback(
+                    [&, each](TagIPCMessageItem& item) { others.Edit(item, each == &first ? 'a' : 'b'); });
+            }
+            for (int i = 0; i < 5; ++i) {
+                TagIPCMessageItem publication = Item(-1, kPublished, others.body);
+                EXPECT_TRUE(first.PublishIPCMessage(publication));
+            }
+            EXPECT_TRUE(others.done.Await(2 * 5));
+            Flush(first);
+            EXPECT_TRUE(twin.Seen() == std::vector<std::string>(5, others.body)) << "another process sees them whole";
+        }
+    }
 }
 
 TEST_F(ClientTest, MessagesFindTheirCallback) {

@@ -2,6 +2,7 @@
 // all of it under way.
 #include "tests/support/BusProgram.h"
 #include "veyrasvc/bus/NamedPipeIOCP.h"
+#include "veyrasvc/bus/ReconnectPauses.h"
 
 #include <cstdlib>
 #include <map>
@@ -31,8 +32,10 @@ public:
             ClosePipe(context);
             return;
         }
+        const bool isNew = m_received.count(context) == 0;
         std::string& received = m_received[context];
         received.append(buffer->m_data, buffer->m_length);
+        EXPECT_TRUE(!isNew || ParseRawFrame(received).msgId == ControlMessage::kRegistration) << "a stranger speaks";
         bool corrupt = false;
         while (const auto frame = CutRawFrame(received, corrupt)) {
             const RawPacket packet = ParseRawFrame(*frame);
@@ -117,6 +120,44 @@ TEST(FaultsTest, AHostIsKilledUnderLoadAndEveryoneComesBack) {
     for (std::thread& thread : load) {
         thread.join();
     }
+}
+
+TEST(FaultsTest, RequestsMadeWhileTheHostIsAwayEndWhenItIsBack) {
+    constexpr int kNobody = 0x7DEAD;
+    constexpr int kRequests = 8;
+    const IPCMessageClient client(kMe, false, false);
+    for (const bool again : {false, true}) { // before the first host, and after its end
+        Tally ended;
+        std::vector<std::thread> threads;
+        for (int i = 0; i < kRequests; ++i) {
+            threads.emplace_back([&, i] {
+                EXPECT_FALSE(Ask(client, kNobody, "?", i));
+                ended.Add();
+            });
+        }
+        const auto host = std::make_unique<Role>("host");
+        EXPECT_TRUE(ended.Await(kRequests)) << again;
+        if (ended.Value() < kRequests) {
+            StopIPCClient(); // a failure, not a hang
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    }
+}
+
+TEST(FaultsTest, TheHostIsLookedForOftenAtFirst) {
+    using std::chrono::milliseconds;
+    ReconnectPauses pauses(1);
+    const auto near = [](milliseconds pause, int expected) {
+        return std::abs(static_cast<int>(pause.count()) - expected) <= expected / 8;
+    };
+    for (const int expected : {20, 50, 100, 200, 500, 1000, 1000}) {
+        EXPECT_TRUE(near(pauses.Next(), expected)) << expected;
+    }
+    EXPECT_TRUE(near(pauses.AfterConnection(milliseconds(1)), 1000)) << "refused";
+    EXPECT_EQ(pauses.AfterConnection(milliseconds(5000)), milliseconds(0));
+    EXPECT_TRUE(near(pauses.Next(), 20));
 }
 
 TEST(FaultsTest, AConnectionThatEndsAmidAWriteLosesWhatWasUnderWayAndNoMore) {

@@ -72,6 +72,25 @@ TEST_F(LeaderTest, ACallbackMayAskAndDestroyItsClient) {
     }
 }
 
+// To ask is to give the connection up: the I/O thread takes it back, however fast the leader steps down.
+TEST_F(LeaderTest, EveryCallbackComesWhenSomeAsk) {
+    constexpr int kRows = 500;
+    Tally asked;
+    m_client->RegisterMessageCallback(kSpecial, [&](TagIPCMessageItem&) {
+        EXPECT_FALSE(Ask(m_sender, kEchoModule, "?", 0, kHold, 0));
+        asked.Add();
+    });
+    for (int row = 1; row <= kRows; ++row) {
+        for (int i = 0; i < 20; ++i) {
+            Post(kShort);
+        }
+        Post(kSpecial);
+        m_shortPosted += 20;
+        ASSERT_TRUE(m_short.Await(m_shortPosted) && asked.Await(row)) << "deaf after " << row << " rows";
+    }
+    m_client.reset();
+}
+
 // Also what is held back until a batch ends, when one of its callbacks is in no hurry.
 TEST_F(LeaderTest, WhatCallbacksSendIsNotLost) {
     constexpr int kMany = 200;

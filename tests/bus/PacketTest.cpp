@@ -181,6 +181,11 @@ TEST(PacketTest, BodiesAreEncipheredUnderAFreshIvAndComeBack) {
         EXPECT_EQ(cipher, Chained(text + std::string(pad, static_cast<char>(pad)), iv)) << length;
         EXPECT_EQ(Deciphered(iv, cipher), text) << length;
     }
+    if (USES_DEVELOPMENT_KEY) { // what `openssl enc -aes-256-cbc` makes of it with that key
+        EXPECT_EQ(Deciphered(FromHex("000102030405060708090a0b0c0d0e0f"), FromHex("bdee93e3ed3beeed64a1a3b117822339")),
+                  "gr\xc3\xbc\xc3\x9f"
+                  "e \xf0\x9f\x98\x80\n");
+    }
     std::string unchanged = "kept";
     EXPECT_FALSE(BasePacket::EncryptData("x", 0, unchanged, unchanged));
     EXPECT_EQ(unchanged, "kept");

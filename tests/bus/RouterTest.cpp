@@ -3,7 +3,9 @@
 #include "tests/support/BusProgram.h"
 #include "tests/support/LogCapture.h"
 #include "veyrasvc/bus/BasePacket.h"
+#include "tests/support/LogCapture.h"
 #include "veyrasvc/bus/ModuleMessageServer.h"
+#include "veyrasvc/bus/Router.h"
 #include "veyrasvc/util/ByteOrder.h"
 
 #include <algorithm>

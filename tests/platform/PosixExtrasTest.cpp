@@ -3,6 +3,7 @@
 #include "tests/platform/Pipes.h"
 #include "veyrasvc/bus/SecurityAttribute.h"
 #include "veyrasvc/platform/posix/MutexFile.h"
+#include "veyrasvc/platform/posix/PoolGrowth.h"
 #include "veyrasvc/platform/posix/SecurityDescriptor.h"
 
 #include <sys/mman.h>
@@ -15,6 +16,8 @@
 #include <csignal>
 #include <cstring>
 #include <deque>
+#include <mutex>
+#include <set>
 #include <string>
 
 namespace Vantor::Sentrix {
@@ -100,6 +103,51 @@ TEST(PosixExtras, AChildHasTheStreamsItWasGivenAndIsNoZombieWithoutAHandle) {
     EXPECT_FALSE(WriteFile(in, "x", 1, &count, nullptr)) << "and no signal ends the writer";
     CloseHandle(in);
     CloseHandle(out);
+}
+
+TEST(PosixExtras, APoolDoublesWhileItsThreadsAreBlockedAndElseGrowsAtItsPace) {
+    PoolGrowth growth;
+    std::size_t busy = 2;
+    for (const std::size_t added : {2, 4, 8, 16, 32, 0}) {
+        EXPECT_EQ(growth.Add(1000, 64 - busy, busy, false), added) << busy;
+        busy += added;
+    }
+    std::size_t added = 0;
+    for (std::int64_t now = 2000; now < 2100; ++now) {
+        added += growth.Add(now, 300, 2, true);
+    }
+    EXPECT_EQ(added, 10U) << "a few, for one that computes for long";
+    EXPECT_EQ(growth.Add(2100, 0, 2, true), 0U);
+    EXPECT_EQ(growth.Add(2101, 300, 20, false), 20U);
+}
+
+// Items that compute are not blocked, although none of them ends for many ticks: more threads would not help them.
+TEST(PosixExtras, APoolWhoseThreadsComputeDoesNotExplode) {
+    constexpr int kItems = 100;
+    struct Run {
+        std::mutex mutex;
+        std::set<DWORD> threads; // guarded by mutex
+        std::atomic<int> left{kItems};
+        Owned ended = NewEvent(true);
+    } run;
+    const auto compute = [](void* context) -> DWORD {
+        auto& of = *static_cast<Run*>(context);
+        for (const DWORD begin = GetTickCount(); GetTickCount() - begin < 2;) {
+        }
+        const std::lock_guard guard(of.mutex);
+        of.threads.insert(GetCurrentThreadId());
+        if (--of.left == 0) {
+            SetEvent(of.ended);
+        }
+        return 0;
+    };
+    const DWORD begin = GetTickCount();
+    for (int i = 0; i < kItems; ++i) {
+        ASSERT_TRUE(QueueUserWorkItem(compute, &run, WT_EXECUTEDEFAULT));
+    }
+    ASSERT_EQ(WaitForSingleObject(run.ended, kPatienceMs), WAIT_OBJECT_0);
+    const std::lock_guard guard(run.mutex);
+    EXPECT_LE(run.threads.size(), 4 + (GetTickCount() - begin) / PoolGrowth::kPaceMs);
 }
 
 TEST(PosixExtras, ClosingAPortEndsTheWaits) {

@@ -1,9 +1,11 @@
-// The work-item pool.
+// The work-item pool, and what the system tells of a thread.
 #include "tests/platform/Pipes.h"
+#include "veyrasvc/util/ThreadProbe.h"
 
 #include <algorithm>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <utility>
 
 namespace Vantor::Sentrix {
@@ -89,6 +91,41 @@ TEST(ThreadPoolTest, AnItemStartsWhateverItsQueuerAndTheItemBeforeItDo) {
         });
         EXPECT_EQ(WaitForSingleObject(runs, kPatienceMs), WAIT_OBJECT_0);
     }
+}
+
+TEST(ThreadProbeTest, TellsAThreadThatComputesFromOneThatIsBlocked) {
+    EXPECT_EQ(OpenThread(THREAD_QUERY_LIMITED_INFORMATION, FALSE, 0), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    SYSTEM_THREAD_INFORMATION told{};
+    const Owned self(OpenThread(THREAD_QUERY_LIMITED_INFORMATION, FALSE, GetCurrentThreadId()));
+    const NTSTATUS status = NtQueryInformationThread(self, ThreadSystemThreadInformation, &told, sizeof told, nullptr);
+    if (status == static_cast<NTSTATUS>(0xC0000002)) {
+        GTEST_SKIP() << "not implemented, as in Wine 8";
+    }
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(told.ThreadState, StateWait) << "a thread that asks";
+    EXPECT_LT(NtQueryInformationThread(nullptr, ThreadSystemThreadInformation, &told, sizeof told, nullptr), 0);
+    std::optional<ThreadProbe> probe;
+    const Owned begun = NewEvent(false);
+    const Owned leave = NewEvent(false);
+    std::atomic<bool> computes{true};
+    const Thread thread([&] {
+        probe.emplace();
+        SetEvent(begun);
+        while (computes) {
+        }
+        EXPECT_EQ(WaitForSingleObject(leave, kPatienceMs), WAIT_OBJECT_0);
+        probe.reset();
+    });
+    ASSERT_EQ(WaitForSingleObject(begun, kPatienceMs), WAIT_OBJECT_0);
+    for (int look = 0; look < 100; ++look) {
+        EXPECT_TRUE(probe->IsRunnable());
+    }
+    computes = false;
+    while (probe->IsRunnable()) { // until it waits
+        Sleep(0);
+    }
+    SetEvent(leave);
 }
 
 } // namespace

@@ -102,8 +102,9 @@ TEST(DumpHeader, TellsWhatTheDumpSaysAndSurvivesCutsAndLies) {
     EXPECT_EQ(ReadDumpHeader(fs::temp_directory_path()).error, "no file");
 }
 
-struct Asker : BSODClient {
+struct Asker final : BSODClient {
     using BSODClient::BSODClient;
+    ~Asker() { EndHooks(); }
     void OnRecvBsodAnalysis(TagIPCMessageItem& item) override { messages.Put(ParseJson(item.data).root); }
     // A whole run by file name, the last message by none; the bus may deliver them in any order.
     std::map<std::string, Json::Value> Outcome() {

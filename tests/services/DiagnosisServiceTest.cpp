@@ -55,8 +55,9 @@ TEST(DiagnosisHistory, IsBoundedAndAsked) {
     }
 }
 
-struct Customer : DFSClient {
+struct Customer final : DFSClient {
     Customer() : DFSClient(kMe) {}
+    ~Customer() { EndHooks(); }
     void OnRecvStartDetection(TagIPCMessageItem& item) override { outcomes.Put(ParseObject(Support::TextOf(item))); }
     void OnRecvStartRepair(TagIPCMessageItem& item) override { outcomes.Put(ParseObject(Support::TextOf(item))); }
     void OnRecvStartNotify(TagIPCMessageItem& item) override { notices.Put(ParseObject(Support::TextOf(item))); }

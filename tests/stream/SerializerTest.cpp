@@ -16,7 +16,7 @@ using WideStrings = std::vector<std::wstring>;
 using Map = std::map<std::string, std::string>;
 using WideMap = std::map<std::wstring, std::wstring>;
 
-// One of everything that can be read and written.
+// Some of everything that can be read and written.
 struct Record {
     int number = 0;
     std::uint64_t big = 0;
@@ -32,13 +32,8 @@ std::string Encode(const Record& record) {
     std::string bytes = "before";
     StringStream stream(bytes);
     StreamWriter writer(&stream);
-    writer.Write(record.number);
-    writer.Write(record.big);
-    writer.Write(record.text);
-    writer.Write(record.wide);
-    writer.Write(record.numbers);
-    writer.Write(record.texts);
-    writer.Write(record.map);
+    std::apply([&writer](const auto&... values) { (writer.Write(values), ...); },
+               std::tie(record.number, record.big, record.text, record.wide, record.numbers, record.texts, record.map));
     return bytes.substr(6);
 }
 
@@ -66,22 +61,6 @@ Record DecodeFromAll(const std::string& bytes) {
     return record;
 }
 
-Record RandomRecord(std::mt19937& random, unsigned int longest) {
-    const auto text = [&random](unsigned int limit) { return std::string(random() % limit, char(random())); };
-    const auto wide = [&random] {
-        const std::wstring alphabet = L"\x41\x00E9\x20AC\U0001F600\U0010FFFF\xFFFF";
-        return std::wstring(random() % 9, alphabet[random() % alphabet.size()]);
-    };
-    Record record{
-        static_cast<int>(random()), std::uint64_t{random()} << 32 | random(), text(longest), wide(), {}, {}, {}};
-    for (auto left = random() % 5; left > 0; --left) {
-        record.numbers.push_back(static_cast<int>(random()));
-        record.texts.push_back(text(20));
-        record.map[wide()] = wide();
-    }
-    return record;
-}
-
 template <class T> std::string Written(const T& value) {
     MemoryrStream stream;
     StreamWriter(&stream).Write(value);
@@ -101,6 +80,7 @@ TEST_F(SerializerTest, WritesTheseBytes) {
     EXPECT_EQ(Written(1), Bytes("\0\0\0\1"));
     EXPECT_EQ(Written(std::uint64_t{0x0102030405060708}), Bytes("\1\2\3\4\5\6\7\x08"));
     EXPECT_EQ(Written(std::int64_t{-2}), std::string(7, '\xFF') + "\xFE");
+    EXPECT_EQ(Written(-2LL) + Written(2ULL), std::string(7, '\xFF') + "\xFE" + Bytes("\0\0\0\0\0\0\0\2"));
     EXPECT_EQ(Written(std::string("abc")), Bytes("\0\0\0\3abc"));
     EXPECT_EQ(Written(std::wstring(L"a\U0001F600")), Bytes("\0\0\0\6\0a\xD8\x3D\xDE\x00"));
     EXPECT_EQ(Written(1.5F), Bytes("\0\0\0\x08") + "1.500000");
@@ -126,13 +106,9 @@ TEST_F(SerializerTest, SurrogatesTravel) {
 }
 
 TEST_F(SerializerTest, RecordsComeBackWholeAndBrokenOnesAlikeFromEveryStream) {
+    const std::wstring wide = L"\x41\x00E9\x20AC\U0001F600\U0010FFFF\xFFFF";
+    Record record{-7, ~7ULL, "text", wide, {1, -1}, {"", "two"}, {{L"", wide}, {wide, L""}}};
     std::mt19937 random(1);
-    for (int round = 0; round < 50; ++round) {
-        const Record record = RandomRecord(random, 300000);
-        EXPECT_EQ(DecodeFromAll(Encode(record)), record);
-    }
-    EXPECT_EQ(log.Take().size(), 0U);
-    const Record record = RandomRecord(random, 70);
     const std::string bytes = Encode(record);
     for (std::size_t cut = 0; cut < bytes.size(); ++cut) {
         DecodeFromAll(bytes.substr(0, cut));
@@ -140,18 +116,28 @@ TEST_F(SerializerTest, RecordsComeBackWholeAndBrokenOnesAlikeFromEveryStream) {
         damaged[cut] = static_cast<char>(random());
         DecodeFromAll(damaged);
     }
+    log.Take();
+    for (const std::size_t length : {4, 0xFFFF, 0x10000, 0x10001, 300000}) { // strings are read in pieces of 64 KiB
+        record.text.assign(length, 't');
+        record.wide.assign(length / 2, L'w');
+        EXPECT_TRUE(DecodeFromAll(Encode(record)) == record) << length;
+    }
+    EXPECT_EQ(log.Take().size(), 0U);
 }
 
 TEST_F(SerializerTest, LengthsThatLie) {
-    const std::string zeros(0x10000, '\0');
-    const std::string much(0x20000, 'x');
+    const std::string piece(0x10000, '\0');
+    const std::string much(2 * piece.size(), 'x');
+    const auto padded = [&piece](std::string text) { return text + piece.substr(text.size()); };
     const struct {
         std::string bytes, text, rest;
     } cases[] = {
         {Bytes("\0\0\0\5ab"), Bytes("ab\0\0\0"), ""},
-        {Bytes("\0\1\0\3ab"), "ab" + zeros, ""}, // one more than is filled up
-        {Bytes("\x7F\xFF\xFF\xFF") + "ab", "ab" + zeros, ""},
-        {Bytes("\0\3\0\0") + much, much + zeros, ""},
+        {Bytes("\0\1\0\1ab"), padded("ab"), ""}, // one more than is filled up
+        {Bytes("\x7F\xFF\xFF\xFF") + "ab", padded("ab"), ""},
+        {Bytes("\0\3\0\0") + much, much + piece, ""},
+        {Bytes("\x7F\0\0\0") + much + "ab", much + padded("ab"), ""},
+        {Bytes("\0\2\0\0") + much + "ab", much, "ab"},
         {Bytes("\x80\0\0\0ab"), "", "ab"},
     };
     for (const auto& [bytes, text, rest] : cases) {
@@ -161,7 +147,6 @@ TEST_F(SerializerTest, LengthsThatLie) {
             stream->SetPosition(0);
             const std::string read = StreamReader(stream).ReadString();
             EXPECT_TRUE(read == text) << read.size() << " of " << text.size();
-            EXPECT_LE(read.capacity(), 2 * (bytes.size() + zeros.size()));
             EXPECT_EQ(stream->GetSize() - stream->GetPosition(), std::int64_t(rest.size()));
         }
     }
@@ -173,11 +158,11 @@ TEST_F(SerializerTest, LengthsThatLie) {
     EXPECT_EQ(reader.ReadWString(), L"") << "half a character too long";
     EXPECT_EQ(log.Errors("stream error"), 1);
     EXPECT_EQ(reader.ReadWString(), (std::wstring{L'a', wchar_t(0xD83D)}));
-    EXPECT_EQ(reader.ReadWString(), L'c' + std::wstring(0x8000, L'\0'));
+    EXPECT_TRUE(reader.ReadWString() == L'c' + std::wstring(0x7FFF, L'\0'));
 }
 
-// Without a bound each of these would take minutes and gigabytes.
-TEST_F(SerializerTest, CountsThatLie) {
+// Without a bound each of these would take minutes and gigabytes. What came of the last element is kept.
+TEST_F(SerializerTest, CountsThatLieAndKeysThatComeAgain) {
     const std::string count(4, '\xFF');
     const std::string one = Bytes("\0\0\0\1");
     EXPECT_EQ(DeserializeFromString<std::vector<int>>(count + one), std::vector<int>{1});
@@ -187,6 +172,12 @@ TEST_F(SerializerTest, CountsThatLie) {
     EXPECT_EQ(DeserializeFromString<WideStrings>(count), WideStrings());
     EXPECT_EQ(DeserializeFromString<WideMap>(count + Bytes("\0\0\0\2\0k")), (WideMap{{L"k", L""}}));
     EXPECT_LT(log.Take().size(), 20U);
+
+    Map map{{"a", "stays"}, {"k", "old"}};
+    const std::string twice = Bytes("\0\0\0\2\0\0\0\1k\0\0\0\3mid\0\0\0\1k\0\0\0\3new");
+    SpanStream again(twice.data(), twice.size());
+    StreamReader(&again).Read(map);
+    EXPECT_EQ(map, (Map{{"a", "stays"}, {"k", "new"}}));
 }
 
 } // namespace

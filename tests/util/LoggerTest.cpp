@@ -1,5 +1,6 @@
 // What the logger does on standard error, as long as no file configures it.
 #include "logging/Logger.h"
+#include "tests/support/LogCapture.h"
 #include "veyrasvc/util/LogStatement.h"
 
 #include <log4cplus/streams.h>
@@ -41,19 +42,27 @@ private:
     std::basic_streambuf<log4cplus::tchar>* const m_before;
 };
 
-TEST(LoggerTest, LinesComeInOnePieceAndAFullDiskCostsOnlyThoseOfItsTime) {
-    GetLogger().setLogLevel(log4cplus::WARN_LOG_LEVEL); // the environment may say otherwise
+TEST(LoggerTest, LinesComeInOnePieceWithoutRoutineAndAFullDiskCostsOnlyThoseOfItsTime) {
+    GetLogger().setLogLevel(log4cplus::WARN_LOG_LEVEL); // its default
     Pieces pieces;
     LOG_WARN("first " << 1);
     pieces.m_full = true;
     LOG_WARN("while there is no room");
     pieces.m_full = false;
     LOG_INFO("below the level");
+    LOG_ERROR_ROUTINE("of a healthy bus");
+    LOG_WARN_ROUTINE_IF(true, "of a healthy bus");
+    LOG_WARN_ROUTINE_IF(false, "of another");
     LOG_ERROR("last");
-    ASSERT_EQ(pieces.m_written.size(), 2U);
+    ASSERT_EQ(pieces.m_written.size(), 3U);
     EXPECT_NE(pieces.m_written[0].find(" WARN  first 1 [LoggerTest.cpp:"), std::string::npos) << pieces.m_written[0];
-    EXPECT_NE(pieces.m_written[1].find(" ERROR last [LoggerTest.cpp:"), std::string::npos) << pieces.m_written[1];
-    EXPECT_EQ(pieces.m_written[1].back(), '\n');
+    EXPECT_NE(pieces.m_written[1].find(" WARN  of another [LoggerTest.cpp:"), std::string::npos) << pieces.m_written[1];
+    EXPECT_NE(pieces.m_written[2].find(" ERROR last [LoggerTest.cpp:"), std::string::npos) << pieces.m_written[2];
+    EXPECT_EQ(pieces.m_written[2].back(), '\n');
+
+    LogCapture capture; // every other appender gets the routine too
+    LOG_ERROR_ROUTINE("of a healthy bus");
+    EXPECT_EQ(capture.Errors("of a healthy bus"), 1);
 }
 
 } // namespace

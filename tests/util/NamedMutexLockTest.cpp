@@ -7,9 +7,6 @@
 
 #include <filesystem>
 
-// These tests take locks in ways that the analysis is there to forbid.
-#define UNCHECKED VEYRA_NO_THREAD_SAFETY_ANALYSIS
-
 namespace Vantor::Sentrix {
 namespace {
 
@@ -23,9 +20,9 @@ std::wstring NumberPath(int process) {
     return (std::filesystem::temp_directory_path() / ("veyra-named-count-" + std::to_string(process))).wstring();
 }
 
-bool TryElsewhere(NamedMutexLock& lock, DWORD limit = 0) UNCHECKED {
+bool TryElsewhere(NamedMutexLock& lock, DWORD limit = 0) {
     bool taken = false;
-    std::thread([&]() UNCHECKED {
+    std::thread([&] {
         taken = lock.TryLock(limit);
         if (taken) {
             lock.Unlock();
@@ -34,7 +31,7 @@ bool TryElsewhere(NamedMutexLock& lock, DWORD limit = 0) UNCHECKED {
     return taken;
 }
 
-const RoleDefinition kHolds("hold", [](int process) UNCHECKED {
+const RoleDefinition kHolds("hold", [](int process) {
     NamedMutexLock lock(LockName(process).c_str());
     lock.Lock();
     SayReady();
@@ -58,51 +55,65 @@ const RoleDefinition kCounts("count", [](int process) {
 });
 
 TEST(NamedMutexLockTest, TwoProcessesCountOnAfterTheDeathOfAnOwner) {
-    const auto test = []() UNCHECKED {
-        LogCapture log;
-        const int process = static_cast<int>(GetCurrentProcessId());
-        const std::wstring path = NumberPath(process);
-        {
-            FileStream file(path, FileStream::kCreate);
-            StreamWriter(&file).Write(0);
-        }
-        NamedMutexLock lock(LockName(process).c_str());
-        Role dying("hold", process);
-        EXPECT_FALSE(lock.TryLock(1));
-        dying.Kill();
-        lock.Lock();
-        EXPECT_EQ(log.Errors("NamedMutexLock Lock Failed!"), 1) << "the owner did not unlock";
+    LogCapture log;
+    const int process = static_cast<int>(GetCurrentProcessId());
+    const std::wstring path = NumberPath(process);
+    {
+        FileStream file(path, FileStream::kCreate);
+        StreamWriter(&file).Write(0);
+    }
+    NamedMutexLock lock(LockName(process).c_str());
+    Role dying("hold", process);
+    EXPECT_FALSE(lock.TryLock(1));
+    dying.Kill();
+    lock.Lock();
+    EXPECT_EQ(log.Errors("NamedMutexLock Lock Failed!"), 1) << "the owner did not unlock";
 
-        // Both wait for this thread before they count, so that neither has done when the other begins.
-        Role one("count", process);
-        Role other("count", process);
-        EXPECT_FALSE(TryElsewhere(lock)) << "owned, in spite of the line";
-        lock.Unlock();
-        EXPECT_EQ(one.AwaitExit() + other.AwaitExit(), 0);
-        int total = 0;
-        {
-            FileStream file(path, FileStream::kRead);
-            total = StreamReader(&file).ReadInt();
-        }
-        std::filesystem::remove(path);
-        EXPECT_EQ(total, 2 * kRounds);
-        EXPECT_EQ(log.Take().size(), 1U);
-    };
-    test();
+    // Both wait for this thread before they count, so that neither has done when the other begins.
+    Role one("count", process);
+    Role other("count", process);
+    EXPECT_FALSE(TryElsewhere(lock)) << "owned, in spite of the line";
+    lock.Unlock();
+    EXPECT_EQ(one.AwaitExit() + other.AwaitExit(), 0);
+    int total = 0;
+    {
+        FileStream file(path, FileStream::kRead);
+        total = StreamReader(&file).ReadInt();
+    }
+    std::filesystem::remove(path);
+    EXPECT_EQ(total, 2 * kRounds);
+    EXPECT_EQ(log.Take().size(), 1U);
 }
 
-TEST(NamedMutexLockTest, TimeLimitsPassWhileSomebodyElseHoldsIt) {
-    const auto test = []() UNCHECKED {
-        NamedMutexLock lock((L"veyra limits " + std::to_wstring(GetCurrentProcessId())).c_str());
-        lock.Lock();
-        EXPECT_TRUE(lock.TryLock() && lock.TryLock(0)) << "again, for its owner";
-        for (const DWORD limit : {0, 1, 20}) {
-            EXPECT_FALSE(TryElsewhere(lock, limit));
-            lock.Unlock();
-        }
-        EXPECT_TRUE(TryElsewhere(lock, INFINITE));
-    };
-    test();
+TEST(NamedMutexLockTest, TimeLimitsPassAndAnEndedThreadLeavesIt) {
+    LogCapture log;
+    const std::wstring name = L"veyra limits " + std::to_wstring(GetCurrentProcessId());
+    NamedMutexLock lock(name.c_str());
+    lock.Lock();
+    EXPECT_TRUE(lock.TryLock() && lock.TryLock(0)) << "again, for its owner";
+    for (const DWORD limit : {0, 1, 20}) {
+        EXPECT_FALSE(TryElsewhere(lock, limit));
+        lock.Unlock();
+    }
+    EXPECT_TRUE(TryElsewhere(lock, INFINITE));
+
+    std::thread([&lock] { lock.Lock(); }).join();
+    EXPECT_FALSE(lock.TryLock()) << "abandoned";
+    EXPECT_TRUE(TryElsewhere(lock)) << "and left free by that";
+    std::make_unique<NamedMutexLock>(name.c_str())->Lock();
+    EXPECT_TRUE(TryElsewhere(lock)) << "the destructor unlocks";
+    EXPECT_TRUE(log.Take().empty());
+}
+
+TEST(NamedMutexLockTest, AMutexThatCannotBeHadLocksNothing) {
+    LogCapture log;
+    NamedMutexLock lock(L"no\\such\\folder");
+    EXPECT_EQ(log.Errors("NamedMutexLock Init Failed!"), 1);
+    lock.Lock();
+    EXPECT_EQ(log.Errors("NamedMutexLock Lock Failed!"), 1);
+    lock.Unlock();
+    EXPECT_FALSE(lock.TryLock());
+    EXPECT_EQ(log.Take().size(), 2U);
 }
 
 TEST(NamedMutexLockTest, EveryNameIsALockOfItsOwn) {

@@ -96,10 +96,10 @@ TEST(SystemVersionTest, VersionsCompareFromLeftToRight) {
     answers.reported = ReportedVersion{{6, 1, 0}, 1, 5, kWorkstation};
     answers.workstation = VersionNumbers{6, 1, 0};
     const SystemVersion seven = Found(answers);
-    EXPECT_TRUE(seven.IsAtLeast(6) && seven.IsAtLeast(5, 9) && seven.IsAtLeast(6, 1));
-    EXPECT_TRUE(seven.IsAtLeast(5, 9, 9) && seven.IsAtLeast(6, 0, 9) && seven.IsAtLeast(6, 1, 1));
-    EXPECT_FALSE(seven.IsAtLeast(7) || seven.IsAtLeast(6, 2) || seven.IsAtLeast(7, 0));
-    EXPECT_FALSE(seven.IsAtLeast(6, 1, 2) || seven.IsAtLeast(6, 2, 0) || seven.IsAtLeast(7, 0, 0));
+    EXPECT_TRUE(seven.IsAtLeast(6) && seven.IsAtLeast(5, 9) && seven.IsAtLeast(6, 1) && seven.IsAtLeast(5, 9, 9) &&
+                seven.IsAtLeast(6, 0, 9) && seven.IsAtLeast(6, 1, 1));
+    EXPECT_FALSE(seven.IsAtLeast(7) || seven.IsAtLeast(6, 2) || seven.IsAtLeast(7, 0) || seven.IsAtLeast(6, 1, 2) ||
+                 seven.IsAtLeast(6, 2, 0) || seven.IsAtLeast(7, 0, 0));
 }
 
 TEST(SystemVersionTest, ThisSystemAnswersEveryQuestion) {

@@ -60,16 +60,28 @@ StatusQuery::~StatusQuery() {
     m_client.UnRegisterMessageCallback(static_cast<int>(ControlMessage::kModuleOffline));
 }
 
-ModuleStatus StatusQuery::Ask(std::uint32_t moduleId, std::chrono::milliseconds patience) {
+ModuleStatus StatusQuery::Ask(std::uint32_t moduleId) {
+    return AskWithin(moduleId, kServerPatience, Absence::Ends);
+}
+
+ModuleStatus StatusQuery::Await(std::uint32_t moduleId, std::chrono::milliseconds patience) {
+    return AskWithin(moduleId, patience, Absence::IsWaitedFor);
+}
+
+ModuleStatus StatusQuery::AskWithin(std::uint32_t moduleId, std::chrono::milliseconds patience, Absence absence) {
     const auto deadline = Clock::now() + patience;
     auto repeat = Clock::now();
     std::unique_lock guard(m_answers->mutex);
     auto& answers = m_answers->byModule;
     answers.erase(moduleId);
     while (!StopAsked() && Clock::now() < deadline) {
+        const bool isServed = IsIPCServerPresent(0);
+        if (!isServed && absence == Absence::Ends) {
+            break;
+        }
         // The server's own module joins its bus with the first client; a question that was faster is sent back.
         const bool tooEarly = answers.erase(ModuleId::kMsgServer) != 0;
-        if (tooEarly || (Clock::now() >= repeat && IsIPCServerPresent(0))) {
+        if (tooEarly || (Clock::now() >= repeat && isServed)) {
             m_client.QueryModuleStatus(static_cast<int>(moduleId));
             repeat = Clock::now() + kRepeatInterval;
         }

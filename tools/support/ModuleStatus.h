@@ -32,15 +32,22 @@ public:
     StatusQuery(const StatusQuery&) = delete;
     StatusQuery& operator=(const StatusQuery&) = delete;
 
-    // The question waits for a connection and is repeated when it may have been lost.
-    // Fails: NoAnswer after `patience`, or when the user wants to stop.
-    ModuleStatus Ask(std::uint32_t moduleId, std::chrono::milliseconds patience = kServerPatience);
+    // The question is repeated when it may have been lost.
+    // Fails: NoAnswer at once when nobody serves the bus, after kServerPatience, or when the user wants to stop.
+    ModuleStatus Ask(std::uint32_t moduleId);
 
-    // True when the server has seen what was sent before.
+    // The same, but waits for somebody who serves the bus too.
+    // Fails: NoAnswer after `patience`, or when the user wants to stop.
+    ModuleStatus Await(std::uint32_t moduleId, std::chrono::milliseconds patience);
+
+    // True when the server has seen what was sent before. Fails: as Ask.
     bool Flush();
 
 private:
     struct Answers;
+    enum class Absence { Ends, IsWaitedFor }; // of a bus server
+
+    ModuleStatus AskWithin(std::uint32_t moduleId, std::chrono::milliseconds patience, Absence absence);
 
     IPCMessageClient& m_client;
     std::shared_ptr<Answers> m_answers; // shared with the callbacks

@@ -61,11 +61,14 @@ int List(const ServiceOptions& options, ServiceWatch& watch) {
 
 // ---- The analysis --------------------------------------------------------------------------------------------------
 
-// Hooks may run until the base is destroyed; all they use outlives it.
 class RunClient final : public BSODClient {
 public:
     RunClient(std::uint32_t moduleId, RunOutcomes& outcomes)
         : BSODClient(static_cast<int>(moduleId)), m_outcomes(outcomes) {}
+    ~RunClient() { EndHooks(); }
+    RunClient(const RunClient&) = delete;
+    RunClient& operator=(const RunClient&) = delete;
+
     void OnRecvBsodAnalysis(TagIPCMessageItem& item) override { m_outcomes.Take(item); }
 
 private:

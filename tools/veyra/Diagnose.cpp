@@ -149,11 +149,14 @@ int Faults(const DiagnoseOptions& options, DFSClient& client, ServiceWatch& watc
 
 // ---- Runs ----------------------------------------------------------------------------------------------------------
 
-// Hooks may run until the base is destroyed; all they use outlives it.
 class RunClient final : public DFSClient {
 public:
     RunClient(std::uint32_t moduleId, RunOutcomes& outcomes)
         : DFSClient(static_cast<int>(moduleId)), m_outcomes(outcomes) {}
+    ~RunClient() { EndHooks(); }
+    RunClient(const RunClient&) = delete;
+    RunClient& operator=(const RunClient&) = delete;
+
     void OnRecvStartDetection(TagIPCMessageItem& item) override { m_outcomes.Take(item); }
     void OnRecvStartRepair(TagIPCMessageItem& item) override { m_outcomes.Take(item); }
 

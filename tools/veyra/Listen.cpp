@@ -128,7 +128,7 @@ private:
             Say("nobody serves the bus yet; waiting");
         }
         constexpr std::chrono::hours kAlways{24 * 365};
-        if (m_query.Ask(m_options.id, kAlways) != Support::ModuleStatus::Online) {
+        if (m_query.Await(m_options.id, kAlways) != Support::ModuleStatus::Online) {
             return false;
         }
         Say("listening as " + HexId(m_options.id));

@@ -69,22 +69,24 @@ bool IsHostPresent() {
     return false;
 }
 
+// When it gave no answer.
+std::string WhatServerDoes() {
+    return IsIPCServerPresent(0) ? "the bus server does not answer" : "the bus server went away";
+}
+
 // ---- send ----------------------------------------------------------------------------------------------------------
 
 // `waited`: the whole time was waited for an answer.
-std::string WhyNoAnswer(IPCMessageClient& client, const MessageOptions& options, bool waited) {
-    if (!IsIPCServerPresent(0)) {
-        return "the bus server went away";
-    }
+std::string WhyNoAnswer(Support::StatusQuery& query, const MessageOptions& options, bool waited) {
     const std::string module = "module " + HexId(options.to);
-    switch (Support::StatusQuery(client).Ask(options.to)) {
+    switch (query.Ask(options.to)) {
     case Support::ModuleStatus::Online:
         return waited ? module + " is online but gave no answer in time (" + std::to_string(options.timeoutMs) + " ms)"
                       : "the message could not be sent, or its answer cannot be read";
     case Support::ModuleStatus::Offline:
         return module + " is offline";
     default:
-        return "the bus server does not answer";
+        return WhatServerDoes();
     }
 }
 
@@ -94,6 +96,11 @@ int Send(const MessageOptions& options) {
         return kFailed;
     }
     IPCMessageClient client(static_cast<int>(options.from), false, false);
+    Support::StatusQuery query(client);
+    if (!query.Flush()) { // once connected, a server that goes ends the wait for the answer
+        Say(WhatServerDoes());
+        return kFailed;
+    }
     TagIPCMessageItem request = MakeItem(options, *body);
     bool written = true;
     const auto print = [&written](TagIPCMessageItem& answer) {
@@ -103,7 +110,7 @@ int Send(const MessageOptions& options) {
     constexpr std::chrono::milliseconds kClockStep{16}; // waits are measured by a coarser clock
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(options.timeoutMs) - kClockStep;
     if (!client.SendIPCMessage(request, awaited, options.timeoutMs, print)) {
-        Say(WhyNoAnswer(client, options, std::chrono::steady_clock::now() >= end));
+        Say(WhyNoAnswer(query, options, std::chrono::steady_clock::now() >= end));
         return kFailed;
     }
     return written ? kDone : kFailed;
@@ -124,7 +131,7 @@ int Post(const MessageOptions& options) {
     if (status != Support::ModuleStatus::Online) {
         Say(status == Support::ModuleStatus::Offline
                 ? "module " + HexId(options.to) + " is offline; nobody has received the message"
-                : "the bus server does not answer; nobody has received the message");
+                : WhatServerDoes() + "; nobody has received the message");
         return kFailed;
     }
     if (!client.PostIPCMessage(MakeItem(options, *body))) {
@@ -132,7 +139,7 @@ int Post(const MessageOptions& options) {
         return kFailed;
     }
     if (!query.Flush()) {
-        Say("the bus server does not answer; the message may not have left");
+        Say(WhatServerDoes() + "; the message may not have left");
         return kFailed;
     }
     return kDone;
@@ -152,7 +159,7 @@ int Publish(const MessageOptions& options) {
         return kFailed;
     }
     if (!query.Flush()) {
-        Say("the bus server does not answer; the message may not have left");
+        Say(WhatServerDoes() + "; the message may not have left");
         return kFailed;
     }
     return kDone;

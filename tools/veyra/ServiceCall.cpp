@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <mutex>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 namespace Vantor::Sentrix::Tool {
@@ -34,14 +35,21 @@ int WrongShape(const Service& service, const char* what) {
 // Tells now and then, while it lives, that the program waits.
 class WaitTalk {
 public:
-    explicit WaitTalk(const Service& service) : m_thread([this, &service] { Talk(service); }) {}
+    explicit WaitTalk(const Service& service) {
+        try {
+            m_thread = std::thread([this, &service] { Talk(service); });
+        } catch (const std::system_error&) { // waits in silence
+        }
+    }
     ~WaitTalk() {
         {
             const std::lock_guard guard(m_mutex);
             m_over = true;
         }
         m_changed.notify_all();
-        m_thread.join();
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
     }
     WaitTalk(const WaitTalk&) = delete;
     WaitTalk& operator=(const WaitTalk&) = delete;

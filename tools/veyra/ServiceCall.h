@@ -34,8 +34,8 @@ public:
     // For an answer that was empty: says that there was none, or none that could be used, and gives kFailed.
     int NoAnswer();
 
-    // True when the server has seen what was sent before. Does not wait for a server that has gone.
-    bool Flush() { return IsIPCServerPresent(0) && m_query.Flush(); }
+    // True when the server has seen what was sent before.
+    bool Flush() { return m_query.Flush(); }
 
 private:
     const Service& m_service;

@@ -34,12 +34,15 @@ void BasePacket::CopyBody(std::string_view body, std::size_t headRoom) {
         m_body = {};
         m_headRoom = kHeadRoom;
         m_shortLength = body.copy(m_short + kHeadRoom, body.size());
+        m_short[kHeadRoom + m_shortLength] = '\0';
         return;
     }
+    auto storage = AllocateStorage(headRoom + body.size() + 1);
+    char* const bytes = storage.get() + headRoom;
+    body.copy(bytes, body.size());
+    bytes[body.size()] = '\0';
     m_headRoom = headRoom;
-    m_body.storage = AllocateStorage(headRoom + body.size());
-    body.copy(m_body.storage.get() + headRoom, body.size());
-    m_body.bytes = {m_body.storage.get() + headRoom, body.size()};
+    m_body = {std::move(storage), {bytes, body.size()}};
 }
 
 // ---- Payloads ------------------------------------------------------------------------------------------------------
@@ -112,6 +115,12 @@ bool BasePacket::TakeWhole(const SharedBytes& frame) {
         CopyBody(body, 0); // which is rarely sent on
     }
     return true;
+}
+
+std::shared_ptr<BasePacket> BasePacket::OwnCopy() const {
+    auto copy = std::make_shared<BasePacket>(*this);
+    copy->SetBody(GetBody());
+    return copy;
 }
 
 SharedBytes BasePacket::ToFrame() const {

@@ -25,10 +25,11 @@ PacketHeader ReadHeader(std::string_view frame);
 // A plain value: copying it copies every field. Integers travel unsigned; callers commonly store -1 as 0xFFFFFFFF.
 // Payload, every integer 4 bytes big-endian, every string a 4-byte length and its bytes:
 //     to, from, message id, type, reply id, correlation id, encrypted (0 or 1), IV, body
-// Threads: none of its own; once a packet crosses threads it is held by std::shared_ptr and no longer changed.
+// Threads: none of its own; once a packet crosses threads it is held by std::shared_ptr. A receiver may change the
+// bytes of the body, so each has a packet of its own (see OwnCopy).
 class BasePacket {
 public:
-    // Valid as long as this packet.
+    // Valid as long as this packet. A zero byte follows it, except where DeserializeFrame says otherwise.
     std::string_view GetBody() const {
         return m_body.storage ? m_body.bytes : std::string_view(m_short + kHeadRoom, m_shortLength);
     }
@@ -53,9 +54,13 @@ public:
     void Serialize(StreamWriter& writer) const;
     // Reads the payload. Fields that a short payload lacks read as zero or empty; there is no error.
     void Deserialize(StreamReader& reader);
-    // The same from a frame (see Frame.h), which is only read. Its storage, if it has one, becomes the body's; else the
-    // body is copied.
+    // The same from a frame (see Frame.h), which is only read. Its storage, if it has one, becomes the body's, and what
+    // follows the frame follows the body; else the body is copied.
     void DeserializeFrame(const SharedBytes& frame);
+
+    // A copy with a body of its own; a plain copy shares the storage of a long one.
+    // Fails: std::bad_alloc.
+    std::shared_ptr<BasePacket> OwnCopy() const;
 
     // The packet as one frame. A body that was set is not copied: the frame's head is written in front of it. So of a
     // packet and its copies only one may do this at a time, and the frame shares their storage. Without a storage the
@@ -76,8 +81,8 @@ private:
     // Room for a frame's head in front of a body: 16 bytes of header, 36 of payload and an IV, rounded up, so that the
     // body is aligned for whatever callers put there.
     static constexpr std::size_t kHeadRoom = 80;
-    // A body up to this length needs no storage.
-    static constexpr std::size_t kShortBody = 176;
+    // A body up to this length, with the zero byte behind it, needs no storage.
+    static constexpr std::size_t kShortBody = 175;
 
     bool TakeWhole(const SharedBytes& frame);
     void CopyBody(std::string_view body, std::size_t headRoom);
@@ -85,7 +90,7 @@ private:
     SharedBytes m_body; // the ciphertext when m_encrypted is set; ends with its storage when that has head room
     std::size_t m_headRoom = kHeadRoom; // bytes in front of the body that a frame's head may be written to
     std::size_t m_shortLength = 0;      // of a body without storage
-    alignas(16) mutable char m_short[kHeadRoom + kShortBody];
+    alignas(16) mutable char m_short[kHeadRoom + kShortBody + 1];
     std::string m_iv; // 16 bytes for an encrypted body
     bool m_encrypted = false;
     std::uint32_t m_replyMsgId = 0;

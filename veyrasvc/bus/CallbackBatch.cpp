@@ -1,6 +1,7 @@
 #include "veyrasvc/bus/CallbackBatch.h"
 
 #include "veyrasvc/bus/CallbackQueue.h"
+#include "veyrasvc/util/Succeeds.h"
 
 #include <new>
 #include <utility>
@@ -10,15 +11,14 @@ namespace Vantor::Sentrix {
 thread_local CallbackBatch* CallbackBatch::s_collected = nullptr;
 thread_local CallbackBatch* CallbackBatch::s_run = nullptr;
 
-void CallbackBatch::Add(CallbackQueue& queue, CallbackQueue::Message message) noexcept {
-    try {
+bool CallbackBatch::Add(CallbackQueue& queue, CallbackQueue::Message message) noexcept {
+    return Succeeds([&] {
         if (m_entries.empty() || m_entries.back().queue != &queue) {
             m_queues.push_back(queue.shared_from_this());
         }
         m_entries.push_back({&queue, std::move(message)});
-    } catch (const std::bad_alloc&) {
-        return;
-    }
+        return true;
+    });
 }
 
 void CallbackBatch::Run() {

@@ -5,11 +5,13 @@
 #pragma once
 
 #include "veyrasvc/bus/CallbackQueue.h"
+#include "veyrasvc/util/ThreadProbe.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace Vantor::Sentrix {
@@ -35,9 +37,13 @@ public:
     CallbackBatch& operator=(const CallbackBatch&) = delete;
 
     std::uint32_t Leader() const { return m_leader; }
+    // Called by the leader before it runs anything.
+    void RunsOnThisThread() { m_runner.emplace(); }
+    // Any thread, while the leader runs callbacks: see ThreadProbe.
+    bool CouldRun() const { return m_runner && m_runner->IsRunnable(); }
 
-    // A message for that client. Where there is no memory for it, it is lost.
-    void Add(CallbackQueue& queue, CallbackQueue::Message message) noexcept;
+    // A message for that client. False: there is no memory for it, and it is lost.
+    bool Add(CallbackQueue& queue, CallbackQueue::Message message) noexcept;
     bool Empty() const { return m_entries.empty(); }
     // Runs or hands over one after another, until all are done or somebody has handed over the rest.
     void Run();
@@ -66,6 +72,7 @@ private:
     };
 
     const std::uint32_t m_leader;
+    std::optional<ThreadProbe> m_runner;                  // constant once callbacks run
     std::vector<Entry> m_entries;                         // as many as they are while they run
     std::vector<std::shared_ptr<CallbackQueue>> m_queues; // keep those of the entries
     std::atomic<std::size_t> m_next{0};

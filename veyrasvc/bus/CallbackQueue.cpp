@@ -4,6 +4,7 @@
 #include "veyrasvc/bus/ModuleMessageClient.h"
 #include "veyrasvc/platform/Win32.h"
 #include "veyrasvc/util/LogStatement.h"
+#include "veyrasvc/util/Succeeds.h"
 
 #include <algorithm>
 #include <exception>
@@ -37,34 +38,31 @@ thread_local CallbackQueue::Visit* CallbackQueue::Visit::s_innermost = nullptr;
 
 // ---- Starting messages ---------------------------------------------------------------------------------------------
 
-void CallbackQueue::Add(Message message) noexcept {
-    if (CallbackBatch* const batch = CallbackBatch::CollectedHere()) {
-        batch->Add(*this, std::move(message));
-    } else {
-        Post(std::move(message));
-    }
+bool CallbackQueue::Add(Message message) noexcept {
+    CallbackBatch* const batch = CallbackBatch::CollectedHere();
+    return batch != nullptr ? batch->Add(*this, std::move(message)) : Post(std::move(message));
 }
 
-void CallbackQueue::Post(Message message) noexcept {
+bool CallbackQueue::Post(Message message) noexcept {
     const auto run = [](void* context) -> DWORD {
         const std::unique_ptr<std::shared_ptr<CallbackQueue>> queue(
             static_cast<std::shared_ptr<CallbackQueue>*>(context));
         (*queue)->RunNext();
         return 0;
     };
-    try {
+    return Succeeds([&] {
         auto self = std::make_unique<std::shared_ptr<CallbackQueue>>(shared_from_this());
         const std::lock_guard guard(m_mutex);
         m_waiting.push_back(std::move(message));
-        if (QueueUserWorkItem(run, self.get(), WT_EXECUTELONGFUNCTION) != FALSE) {
+        const bool isPosted = QueueUserWorkItem(run, self.get(), WT_EXECUTELONGFUNCTION) != FALSE;
+        if (isPosted) {
             static_cast<void>(self.release());
         } else {
             m_waiting.pop_back();
         }
         m_waitCount = m_waiting.size();
-    } catch (const std::bad_alloc&) {
-        return;
-    }
+        return isPosted;
+    });
 }
 
 void CallbackQueue::RunNext() noexcept {
@@ -125,7 +123,7 @@ void CallbackQueue::Deliver(Message message) noexcept {
         LOG_ERROR("ipc message callback threw. messageid=" << msgId);
     }
     if (timed) {
-        NoteTime(Clock::now() - begin);
+        NoteTime(std::min<std::chrono::nanoseconds>(Clock::now() - begin, kLongestMeasured));
     }
 }
 
@@ -139,16 +137,14 @@ bool CallbackQueue::IsTimed() {
 void CallbackQueue::NoteTime(std::chrono::nanoseconds took) {
     constexpr std::int64_t kWeight = 8;
     const std::int64_t average = m_averageTime.load(std::memory_order_relaxed);
-    const std::int64_t sample = std::min(took, kLongestNoted).count();
-    m_averageTime.store(average + (sample - average) / kWeight, std::memory_order_relaxed);
+    m_averageTime.store(average + (took.count() - average) / kWeight, std::memory_order_relaxed);
 }
 
 void CallbackQueue::Close() {
     const std::uint32_t own = Visit::CountOfThisThread(*this);
-    std::deque<Message> dropped; // destroyed when the mutex is free
     m_visits |= kClosed;
     std::unique_lock guard(m_mutex);
-    dropped.swap(m_waiting);
+    m_waiting.clear(); // a new container would need memory
     m_left.wait(guard, [&] { return m_visits / kVisit <= own; });
 }
 

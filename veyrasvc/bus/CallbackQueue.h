@@ -37,17 +37,17 @@ public:
 
     explicit CallbackQueue(IPCMessageClient& client) : m_client(client) {}
 
-    // The message is started by the batch that this thread collects, else by a work item. For all of these: where
-    // there is neither memory nor a thread for it, the message is lost, and nothing begins once the client is gone or
-    // the engine has stopped.
-    void Add(Message message) noexcept;
+    // The message is started by the batch that this thread collects, else by a work item. For all of these: nothing
+    // begins once the client is gone or the engine has stopped. False: there is no memory or thread for the message,
+    // and it is lost.
+    bool Add(Message message) noexcept;
     // By a work item.
-    void Post(Message message) noexcept;
+    bool Post(Message message) noexcept;
 
     // Whether this client's callbacks usually take less time than handing them to another thread does.
     bool RunsShort() const { return m_averageTime.load(std::memory_order_relaxed) < kShort.count(); }
-    // A callback of this client holds the calling thread up.
-    void NoteSlow() { NoteTime(kLongestNoted); }
+    // A callback of this client holds a thread up.
+    void NoteSlow() { NoteTime(kHeldUp); }
 
     // From now on no callback begins; returns when none is running. Those that the calling thread is inside of do not
     // count: the client is being destroyed from within them.
@@ -87,7 +87,10 @@ private:
     using Clock = std::chrono::steady_clock;
 
     static constexpr std::chrono::nanoseconds kShort = std::chrono::microseconds(20);
-    static constexpr std::chrono::nanoseconds kLongestNoted = std::chrono::milliseconds(10);
+    // What a callback that held up its thread counts for, and what one may count for that just took long: that alone
+    // does not make a client slow, because its thread may have lost its processor.
+    static constexpr std::chrono::nanoseconds kHeldUp = std::chrono::milliseconds(10);
+    static constexpr std::chrono::nanoseconds kLongestMeasured = std::chrono::microseconds(100);
 
     void RunNext() noexcept;
     void Run(Message message) noexcept;

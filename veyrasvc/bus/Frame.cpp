@@ -18,6 +18,8 @@ constexpr std::size_t kTakenAtOnce = 16 * 1024 * 1024;
 // In front of a frame that is put together: with it the body of a plain packet, 52 bytes into the frame, is aligned for
 // whatever callers put there.
 constexpr std::size_t kLead = 12;
+// And behind it: a body that is text can be read as a C string.
+constexpr std::size_t kTail = 1;
 
 } // namespace
 
@@ -53,6 +55,7 @@ char* FrameCutter::Held() const {
 
 SharedBytes FrameCutter::TakeHeld() {
     const std::size_t size = m_size;
+    Held()[size] = '\0';
     SharedBytes frame{std::move(m_storage), {}};
     frame.bytes = {frame.storage.get() + kLead, size};
     Clear();
@@ -99,10 +102,10 @@ void FrameCutter::Reserve(std::size_t bytes) {
     const bool grows = m_growsInPlace || (m_measured && capacity < m_needed);
     auto storage = m_storage;
     if (!m_growsInPlace) {
-        storage = grows ? ReserveStorage(kLead + m_needed) : AllocateStorage(kLead + capacity);
+        storage = grows ? ReserveStorage(kLead + m_needed + kTail) : AllocateStorage(kLead + capacity + kTail);
     }
     if (grows) {
-        CommitStorage(storage, kLead + capacity);
+        CommitStorage(storage, kLead + capacity + kTail);
     }
     if (storage != m_storage && m_size > 0) {
         std::memcpy(storage.get() + kLead, Held(), m_size);

@@ -42,8 +42,9 @@ struct SharedBytes {
 class FrameCutter {
 public:
     // Hands every frame that is whole now to `handle(const SharedBytes&)`: the header is included. It has the storage
-    // of the bytes, or one of its own when it came in pieces; without a storage it is valid during the call only. False
-    // when the bytes are out of step: everything held is dropped and nothing of these bytes is kept.
+    // of the bytes, or one of its own when it came in pieces; without a storage it is valid during the call only. A
+    // storage of its own has a zero byte behind the frame. False when the bytes are out of step: everything held is
+    // dropped and nothing of these bytes is kept.
     template <class Handler> bool Feed(const SharedBytes& bytes, Handler&& handle) {
         SharedBytes frame = bytes; // one for all, as a count of holders is not free
         for (std::string_view rest = bytes.bytes; !rest.empty();) {

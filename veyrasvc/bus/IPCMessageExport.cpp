@@ -6,6 +6,7 @@
 #include "veyrasvc/bus/ModuleMessageClient.h"
 #include "veyrasvc/bus/ModuleMessageServer.h"
 #include "veyrasvc/util/LogStatement.h"
+#include "veyrasvc/util/Succeeds.h"
 
 #include <algorithm>
 #include <cstring>
@@ -15,6 +16,8 @@
 namespace Vantor::Sentrix {
 
 namespace {
+
+constexpr std::uint32_t kNoMessage = 0xFFFFFFFF; // like 0, an id that no callback gets
 
 std::uint32_t Unsigned(std::int32_t value) {
     return static_cast<std::uint32_t>(value);
@@ -71,17 +74,30 @@ template <class Answer> void CopyIds(Answer& answer, const TagIPCMessageItem& it
 
 // ---- Life ----------------------------------------------------------------------------------------------------------
 
-// A message without a callback needs a job only where that is logged. Asked for every message by the one thread that
-// reads them all, so it takes no lock that callbacks' threads take, as long as it can.
-bool IPCMessageClient::WantsMessage(std::uint32_t msgId) {
-    if (!m_hasCallbacks || IsLogEnabled(LogLevel::Warn)) {
-        return m_hasCallbacks;
+// A message without a callback needs a job only where that is logged, and its bytes are not needed then. Asked for
+// every message by the one thread that reads them all, so it takes no lock that callbacks' threads take, as long as it
+// can.
+bool IPCMessageClient::WantsMessage(const BasePacket& packet) {
+    if (!m_hasCallbacks) {
+        return false;
+    }
+    const bool logs = IsLogEnabled(LogLevel::Warn);
+    if (logs && !BaseMessageClient::Instance().IsAwaited(packet)) {
+        return true;
     }
     const std::lock_guard guard(m_callbackMutex);
-    return m_callbacks.count(Signed(msgId)) != 0;
+    const bool hasCallback = m_callbacks.count(Signed(packet.GetMsgId())) != 0;
+    if (!hasCallback && logs) {
+        Succeeds([&] {
+            auto note = std::make_shared<BasePacket>();
+            note->SetMsgId(packet.GetMsgId());
+            return m_queue->Add({&IPCMessageClient::OnAnswerWithoutCallback, std::move(note)});
+        });
+    }
+    return hasCallback;
 }
 
-// Who publishes gets its own publications too, and mostly wants none of them.
+// A publisher also receives its own publications and usually has not subscribed to them.
 bool IPCMessageClient::WantsPublication(const BasePacket& packet) {
     std::uint32_t from = packet.GetFrom();
     return m_hasPublishCallback && LetsThrough(packet, from);
@@ -95,28 +111,36 @@ void IPCMessageClient::NoteCallbacks() {
     BaseMessageClient::Instance().CountPublishReceivers(int{has} - int{had});
 }
 
-IPCMessageClient::IPCMessageClient(int moduleId, bool /*unused*/, bool forwardPosts)
-    : m_moduleId(moduleId), m_queue(std::make_shared<CallbackQueue>(*this)) {
+IPCMessageClient::IPCMessageClient(int moduleId, bool /*unused*/, bool forwardPosts) : m_moduleId(moduleId) {
+    if (!Succeeds([&] { return Join(forwardPosts); })) {
+        LOG_ERROR("no memory for a message client; it receives nothing. m_moduleId=" << m_moduleId);
+    }
+}
+
+bool IPCMessageClient::Join(bool forwardPosts) {
     BaseMessageClient& engine = BaseMessageClient::Instance();
-    engine.RegisterClient(this, Unsigned(moduleId), forwardPosts, [this](const std::shared_ptr<BasePacket>& packet) {
-        if (packet && WantsMessage(packet->GetMsgId())) {
-            m_queue->Add({&IPCMessageClient::OnRecvIPCMessage, packet});
-        }
-    });
-    engine.RegisterPublishHandler(this, Unsigned(moduleId), [this](const std::shared_ptr<BasePacket>& packet) {
-        if (packet && WantsPublication(*packet)) {
-            m_queue->Add({&IPCMessageClient::OnRecvPublishIPCMessage, packet});
-        }
-    });
+    m_queue = std::make_shared<CallbackQueue>(*this);
+    PacketReceiver messages{[this](const BasePacket& packet) { return WantsMessage(packet); },
+                            [this](std::shared_ptr<BasePacket> packet) {
+                                return m_queue->Add({&IPCMessageClient::OnRecvIPCMessage, std::move(packet)});
+                            }};
+    PacketReceiver publications{
+        [this](const BasePacket& packet) { return WantsPublication(packet); },
+        [this](std::shared_ptr<BasePacket> packet) {
+            return m_queue->Add({&IPCMessageClient::OnRecvPublishIPCMessage, std::move(packet)});
+        }};
+    return engine.RegisterClient(this, Unsigned(m_moduleId), forwardPosts, std::move(messages)) &&
+           engine.RegisterPublishHandler(this, Unsigned(m_moduleId), std::move(publications));
 }
 
 IPCMessageClient::~IPCMessageClient() {
     LOG_DEBUG("unInit module:" << m_moduleId);
-    BaseMessageClient& engine = BaseMessageClient::Instance();
-    engine.UnregisterClient(this);
-    engine.UnregisterPublishHandler(this);
-    UnRegisterMessageCallbackAll();
-    m_queue->Close();
+    if (m_queue) {
+        BaseMessageClient& engine = BaseMessageClient::Instance();
+        engine.UnregisterClient(this);
+        engine.UnregisterPublishHandler(this);
+    }
+    EndCallbacks();
 }
 
 // ---- Items and packets ---------------------------------------------------------------------------------------------
@@ -179,8 +203,10 @@ bool IPCMessageClient::ConvertPacketToMessage(TagIPCMessageItem& item,
 // ---- Sending -------------------------------------------------------------------------------------------------------
 
 bool IPCMessageClient::PostIPCMessage(const TagIPCMessageItem& item) const {
-    auto packet = std::make_shared_for_overwrite<BasePacket>();
-    return ConvertMessageToPacket(packet, item) && BaseMessageClient::Instance().PostPacket(packet);
+    return Succeeds([&] {
+        auto packet = std::make_shared_for_overwrite<BasePacket>();
+        return ConvertMessageToPacket(packet, item) && BaseMessageClient::Instance().PostPacket(packet);
+    });
 }
 
 bool IPCMessageClient::PublishIPCMessage(TagIPCMessageItem& item) const {
@@ -188,7 +214,7 @@ bool IPCMessageClient::PublishIPCMessage(TagIPCMessageItem& item) const {
     return PostIPCMessage(item);
 }
 
-bool IPCMessageClient::QueryModuleStatus(int moduleId) const {
+bool IPCMessageClient::QueryModuleStatus(int moduleId) {
     std::string body = ModuleIdBody(Unsigned(moduleId));
     TagIPCMessageItem item;
     item.toModuleId = Signed(ModuleId::kMsgServer);
@@ -200,12 +226,18 @@ bool IPCMessageClient::QueryModuleStatus(int moduleId) const {
 
 bool IPCMessageClient::SendIPCMessage(TagIPCMessageItem& request, int replyMsgId, unsigned int timeoutMs,
                                       IPCMessageCallback onReply) const {
-    auto packet = std::make_shared_for_overwrite<BasePacket>();
-    if (!ConvertMessageToPacket(packet, request)) {
+    std::shared_ptr<BasePacket> reply;
+    const bool isAsked = Succeeds([&] {
+        auto packet = std::make_shared_for_overwrite<BasePacket>();
+        if (!ConvertMessageToPacket(packet, request)) {
+            return false;
+        }
+        reply = BaseMessageClient::Instance().WaitForMessage(Unsigned(replyMsgId), timeoutMs, packet);
+        return true;
+    });
+    if (!isAsked) {
         return false;
     }
-    TagIPCMessageItem answer;
-    const auto reply = BaseMessageClient::Instance().WaitForMessage(Unsigned(replyMsgId), timeoutMs, packet);
     if (!reply) {
         LOG_WARN("sync. fail to recv reply message. sendMessageId=" << request.msgId
                                                                     << ", wakeupMessageId=" << replyMsgId);
@@ -214,6 +246,7 @@ bool IPCMessageClient::SendIPCMessage(TagIPCMessageItem& request, int replyMsgId
     if (reply->GetMsgId() == ControlMessage::kModuleOffline) {
         return false;
     }
+    TagIPCMessageItem answer;
     PlaintextOwner owner(*reply, answer);
     if (!ConvertPacketToMessage(answer, reply)) {
         LOG_WARN("sync. error to recv reply message. recvMessageId=" << reply->GetMsgId());
@@ -232,21 +265,24 @@ bool IPCMessageClient::SendIPCMessage(TagIPCMessageItem& request, TagIPCMessageI
             return;
         }
         const auto length = static_cast<std::size_t>(item.dataLen);
-        answer.data = static_cast<char*>(::operator new(length, std::nothrow));
+        answer.data = static_cast<char*>(::operator new(length + 1, std::nothrow));
         answer.dataLen = answer.data == nullptr ? 0 : item.dataLen;
         if (answer.data != nullptr) {
             std::memcpy(answer.data, item.data, length);
+            answer.data[length] = '\0';
         }
     });
 }
 
 bool IPCMessageClient::SendIPCMessage(TagIPCMessageItem& request, int replyMsgId, TagIPCMessageItemRecv& answer,
                                       unsigned int timeoutMs) const {
-    return SendIPCMessage(request, replyMsgId, timeoutMs, [&answer](TagIPCMessageItem& item) {
-        CopyIds(answer, item);
-        if (item.data != nullptr && item.dataLen > 0) {
-            answer.data.assign(item.data, static_cast<std::size_t>(item.dataLen));
-        }
+    return Succeeds([&] { // the record may have no memory for the body
+        return SendIPCMessage(request, replyMsgId, timeoutMs, [&answer](TagIPCMessageItem& item) {
+            if (item.data != nullptr && item.dataLen > 0) {
+                answer.data.assign(item.data, static_cast<std::size_t>(item.dataLen));
+            }
+            CopyIds(answer, item);
+        });
     });
 }
 
@@ -254,9 +290,8 @@ bool IPCMessageClient::SendIPCMessage(TagIPCMessageItem& request, int replyMsgId
 
 // A callback may destroy this client: nothing of it is touched afterwards.
 void IPCMessageClient::OnRecvIPCMessage(std::shared_ptr<BasePacket> packet) {
-    constexpr std::uint32_t kNone = 0xFFFFFFFF;
     const std::uint32_t msgId = packet->GetMsgId();
-    if (msgId == 0 || msgId == kNone) {
+    if (msgId == 0 || msgId == kNoMessage) {
         return;
     }
     IPCMessageCallback callback;
@@ -264,7 +299,7 @@ void IPCMessageClient::OnRecvIPCMessage(std::shared_ptr<BasePacket> packet) {
         const std::lock_guard guard(m_callbackMutex);
         const auto found = m_callbacks.find(Signed(msgId));
         if (found == m_callbacks.end()) {
-            LOG_WARN("fail to find async ipc message callback. messageid=" << msgId << ", m_moduleId=" << m_moduleId);
+            WarnOfMissingCallback(msgId, false);
             return;
         }
         callback = found->second;
@@ -281,10 +316,20 @@ void IPCMessageClient::OnRecvIPCMessage(std::shared_ptr<BasePacket> packet) {
     }
 }
 
-// The packet is shared with the other receivers of this process, so it stays as it is.
+// Nothing is wrong where a waiting sender takes the message.
+void IPCMessageClient::WarnOfMissingCallback(std::uint32_t msgId, bool isAwaited) const {
+    if (msgId != 0 && msgId != kNoMessage) {
+        LOG_WARN_ROUTINE_IF(
+            isAwaited, "fail to find async ipc message callback. messageid=" << msgId << ", m_moduleId=" << m_moduleId);
+    }
+}
+
+void IPCMessageClient::OnAnswerWithoutCallback(std::shared_ptr<BasePacket> packet) {
+    WarnOfMissingCallback(packet->GetMsgId(), true);
+}
+
 void IPCMessageClient::OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> packet) {
-    std::uint32_t from = packet->GetFrom();
-    if (packet->GetMsgType() != MessageType::kPublished || !LetsThrough(*packet, from)) {
+    if (packet->GetMsgType() != MessageType::kPublished || !Bregister(*packet)) {
         return;
     }
     TagIPCMessageItem item;
@@ -294,7 +339,6 @@ void IPCMessageClient::OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> packe
         return;
     }
     owner.Take();
-    item.fromModuleId = Signed(from);
     IPCMessageCallback callback;
     {
         const std::lock_guard guard(m_callbackMutex);
@@ -312,7 +356,7 @@ bool IPCMessageClient::Bregister(BasePacket& packet) {
     return letsThrough;
 }
 
-// `from` becomes what the packet is to come from, even where no subscription is to its message.
+// Sets `from` to the reported sender, whether or not a subscription matches.
 bool IPCMessageClient::LetsThrough(const BasePacket& packet, std::uint32_t& from) {
     constexpr std::uint64_t kNone = std::numeric_limits<std::uint64_t>::max();
     const std::uint32_t msgId = packet.GetMsgId();
@@ -338,9 +382,15 @@ bool IPCMessageClient::LetsThrough(const BasePacket& packet, std::uint32_t& from
 // ---- Callbacks and subscriptions -----------------------------------------------------------------------------------
 
 void IPCMessageClient::RegisterMessageCallback(int msgId, IPCMessageCallback callback) {
-    const std::lock_guard guard(m_callbackMutex);
-    m_callbacks[msgId].swap(callback); // the old one is destroyed when the mutex is free
-    NoteCallbacks();
+    const bool isRegistered = Succeeds([&] {
+        const std::lock_guard guard(m_callbackMutex);
+        m_callbacks[msgId].swap(callback); // the old one is destroyed when the mutex is free
+        NoteCallbacks();
+        return true;
+    });
+    if (!isRegistered) {
+        LOG_ERROR("no memory for a message callback. messageid=" << msgId << ", m_moduleId=" << m_moduleId);
+    }
 }
 
 void IPCMessageClient::RegisterPublishMessageCallback(IPCMessageCallback callback) {
@@ -371,13 +421,22 @@ bool IPCMessageClient::UnRegisterMessageCallbackAll() {
     return true;
 }
 
+void IPCMessageClient::EndCallbacks() {
+    UnRegisterMessageCallbackAll();
+    if (m_queue) {
+        m_queue->Close();
+    }
+}
+
 bool IPCMessageClient::SubscribeIPCMessage(unsigned int moduleId, unsigned int msgId) {
     if (!UnSubscribeIPCMessage(moduleId, msgId)) {
         LOG_WARN("UnSubscribeIPCMessage error. moduleId=" << moduleId << ", messageId=" << msgId);
     }
-    const std::lock_guard guard(m_subscribeMutex);
-    m_subscriptions[{moduleId, msgId}] = ++m_lastSubscription;
-    return true;
+    return Succeeds([&] {
+        const std::lock_guard guard(m_subscribeMutex);
+        m_subscriptions[{moduleId, msgId}] = ++m_lastSubscription;
+        return true;
+    });
 }
 
 bool IPCMessageClient::UnSubscribeIPCMessage(unsigned int moduleId, unsigned int msgId) {

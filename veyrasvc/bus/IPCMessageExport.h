@@ -4,8 +4,8 @@
 //     client.RegisterMessageCallback(1, [&](TagIPCMessageItem& item) { ... });
 //     client.PostIPCMessage(item);
 //
-// The clients of a process share one connection, which is made and, once a second, made again by itself. What is sent
-// while there is none waits and leaves later, in order.
+// The clients of a process share one connection, which makes and renews itself: the host is looked for at short
+// intervals first, then once a second. What is sent while there is no connection waits and leaves later, in order.
 #pragma once
 
 #include "veyrasvc/bus/ModuleId.h" // the ids that the bus reserves
@@ -28,7 +28,8 @@ class ModuleMessageServer;
 
 // One message. Integers travel as 32 bits; -1 stands for "none".
 // Owns: nothing. To send, `data` points at the caller's bytes, which are copied. In a callback `data` points at bytes
-// of the library that are valid until the callback returns.
+// of the library that are valid until the callback returns and that nobody else sees: the callback may change them. A
+// zero byte, which `dataLen` does not count, follows every received body.
 struct TagIPCMessageItem {
     std::int32_t toModuleId = -1;   // 0: every module
     std::int32_t fromModuleId = -1; // ignored on sending: the client's own id is used
@@ -60,14 +61,16 @@ using IPCMessageCallback = std::function<void(TagIPCMessageItem&)>;
 // that are usually short one after another on the one that has read their messages, others each in a work item of its
 // own. So one client's callbacks may run at the same time and in any order; no lock of the library is held meanwhile.
 // An exception that leaves a callback is logged and dropped.
-// Fails: by result; the operations below say what false means. Nothing throws, with one exception that is named.
-// Lifetime: may be destroyed at any time, also inside one of its own callbacks. The destructor waits for callbacks of
-// this client that run on other threads and drops those that have not begun. A message sent before is still sent.
+// Fails: by result; the operations below say what false means. Where there is no memory for an operation it is false
+// and leaves nothing behind. Nothing throws, with one exception that is named. Lifetime: may be destroyed at any time,
+// also inside one of its own callbacks. The destructor waits for callbacks of this client that run on other threads and
+// drops those that have not begun. A message sent before is still sent.
 class VEYRASVC_API IPCMessageClient {
 public:
     // Puts the module on the bus. The second argument has no effect. With `forwardPosts`, posts to this module from
     // its own process take the way over the server; otherwise they are delivered within the process. The first client
     // of a process starts the connection.
+    // Fails: without memory for it the client receives nothing, which is logged; it can still send.
     IPCMessageClient(int moduleId, bool, bool forwardPosts);
     ~IPCMessageClient();
     IPCMessageClient(const IPCMessageClient&) = delete;
@@ -81,10 +84,10 @@ public:
     // destination is or goes offline, which ends the wait at once.
 
     // Awaits the request's own message id. `answer` gets the six integers and, if there is a body, a new buffer in
-    // `data` that the caller releases with `operator delete(answer.data)`. When that buffer cannot be had `dataLen` is
-    // 0.
+    // `data`, with a zero byte behind it, that the caller releases with `operator delete(answer.data)`. When that
+    // buffer cannot be had `dataLen` is 0.
     bool SendIPCMessage(TagIPCMessageItem& request, TagIPCMessageItem& answer, unsigned int timeoutMs) const;
-    // Awaits `replyMsgId`.
+    // Awaits `replyMsgId`. False also when there is no memory for the answer's body; the record is as it was then.
     bool SendIPCMessage(TagIPCMessageItem& request, int replyMsgId, TagIPCMessageItemRecv& answer,
                         unsigned int timeoutMs) const;
     // Awaits `replyMsgId` and hands the answer to `onReply`, on the calling thread, valid during the call.
@@ -93,16 +96,18 @@ public:
                         IPCMessageCallback onReply) const;
 
     // Sends without waiting. True: delivered within the process, or queued for the server. A destination that is not
-    // there is no error; the server answers with message 0x10005.
+    // there is no error; the server answers with message 0x10005. False: the body cannot be enciphered, or there is no
+    // memory for the message or no thread for the connection.
     bool PostIPCMessage(const TagIPCMessageItem& item) const;
     // Posts to every process; subscriptions decide who sees it. Sets the item's `msgType` to 0x10004.
     bool PublishIPCMessage(TagIPCMessageItem& item) const;
     // Asks the server for a module. The answer, 0x10006 (online) or 0x10005 (offline) with the id as 4 bytes
     // little-endian, comes to this client's callbacks. The result is that of the post.
-    bool QueryModuleStatus(int moduleId) const;
+    bool QueryModuleStatus(int moduleId);
 
     // One callback per message id, a later one replaces it. Ids 0 and -1 are never delivered. A message without a
-    // callback is logged and dropped; without any callback it is dropped.
+    // callback is logged and dropped; without any callback it is dropped. Fails: without memory for it the callback is
+    // not registered, which is logged.
     void RegisterMessageCallback(int msgId, IPCMessageCallback callback);
     // Receives publications that a subscription lets through.
     void RegisterPublishMessageCallback(IPCMessageCallback callback);
@@ -110,9 +115,12 @@ public:
     bool UnRegisterMessageCallback(int msgId);
     // All of them, the publish callback and the subscriptions.
     bool UnRegisterMessageCallbackAll();
+    // Unregisters all of them for good: no callback begins any more, also of those registered later. Returns when none
+    // runs but those that the calling thread is inside of, so that what callbacks use may be destroyed.
+    void EndCallbacks();
 
     // Lets publications of that module through; message id 0: all of them, and the server's notices 0x10005 and
-    // 0x10006 about the module, which then come from that module. Always true.
+    // 0x10006 about the module, which then come from that module. False: there is no memory for it.
     bool SubscribeIPCMessage(unsigned int moduleId, unsigned int msgId);
     // Takes that subscription back; message id 0: every subscription to the module. Always true.
     bool UnSubscribeIPCMessage(unsigned int moduleId, unsigned int msgId);
@@ -128,8 +136,11 @@ protected:
     void OnRecvPublishIPCMessage(std::shared_ptr<BasePacket> packet);
 
 private:
+    bool Join(bool forwardPosts);
+    void OnAnswerWithoutCallback(std::shared_ptr<BasePacket> packet);
+    void WarnOfMissingCallback(std::uint32_t msgId, bool isAwaited) const;
     bool LetsThrough(const BasePacket& packet, std::uint32_t& from);
-    bool WantsMessage(std::uint32_t msgId);
+    bool WantsMessage(const BasePacket& packet);
     bool WantsPublication(const BasePacket& packet);
     void NoteCallbacks();
 
@@ -143,7 +154,7 @@ private:
     // Module and message id (message 0: any), each with its number: which was first may decide.
     std::map<std::pair<std::uint32_t, std::uint32_t>, std::uint64_t> m_subscriptions;
     std::uint64_t m_lastSubscription = 0;
-    std::shared_ptr<CallbackQueue> m_queue; // shared with who runs this client's callbacks
+    std::shared_ptr<CallbackQueue> m_queue; // shared with the threads that run this client's callbacks; null: see above
 };
 
 // Ends this process's connection for good: what is not sent yet is discarded, waits end without an answer, and no

@@ -4,10 +4,12 @@
 
 #include "veyrasvc/bus/ModuleId.h"
 #include "veyrasvc/util/LogStatement.h"
+#include "veyrasvc/util/Succeeds.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace Vantor::Sentrix {
 
@@ -24,6 +26,7 @@ BaseMessageClient& BaseMessageClient::Instance() {
 }
 
 BaseMessageClient::BaseMessageClient() {
+    m_spareJoined.reserve(kSpareJoined);
     Start();
 }
 
@@ -53,19 +56,18 @@ void BaseMessageClient::CloseEvents() {
 
 bool BaseMessageClient::Start() {
     const AutoLock lock(&m_lifecycleLock);
-    if (m_workerThread != nullptr) {
-        return true;
+    if (m_started || IsStopped()) {
+        return m_started;
     }
-    m_stop = 0;
     if (CreateEvents()) {
         m_workerThread = CreateThread(nullptr, 0, &BaseMessageClient::WorkerProc, this, 0, nullptr);
-        if (m_workerThread != nullptr) {
-            return true;
-        }
+        m_started = m_workerThread != nullptr;
     }
-    m_stop = 1;
-    CloseEvents();
-    return false;
+    if (!m_started) {
+        LOG_ERROR("the connection to the bus has no thread; it is tried again when something is sent");
+        CloseEvents();
+    }
+    return m_started;
 }
 
 void BaseMessageClient::Stop() {
@@ -74,7 +76,9 @@ void BaseMessageClient::Stop() {
     m_stop = 1;
     {
         const AutoLock sending(&m_sendQueue);
-        m_sendQueue.m_items = {};
+        while (!m_sendQueue.m_items.empty()) { // one by one, because a new container would need memory
+            m_sendQueue.m_items.pop();
+        }
     }
     if (m_workerThread != nullptr) {
         // Not the read and write events: those say that an operation has completed, and the I/O thread would wait for
@@ -108,20 +112,32 @@ void EraseWord(std::string& text, std::ptrdiff_t place) {
 } // namespace
 
 bool BaseMessageClient::RegisterClient(const IPCMessageClient* owner, std::uint32_t moduleId, bool forwardPosts,
-                                       PacketFunction onPacket) {
-    std::unique_ptr<ClientEntry> entry(new (std::nothrow)
-                                           ClientEntry{moduleId, owner, forwardPosts, std::move(onPacket)});
-    if (!entry) {
+                                       PacketReceiver receiver) {
+    Start(); // where there was no thread for it before, there may be one now
+    const bool isRegistered = Succeeds([&] {
+        auto entry = std::make_unique<ClientEntry>(ClientEntry{moduleId, owner, forwardPosts, std::move(receiver)});
+        const std::string word = std::to_string(moduleId) + ' ';
+        const ExclusiveGuard guard(m_clientsLock);
+        auto& sameId = m_clientsById[moduleId]; // an empty list does no harm
+        m_registrationText.reserve(m_registrationText.size() + word.size());
+        sameId.push_back(entry.get());
+        try {
+            m_clients.push_back(std::move(entry));
+        } catch (const std::bad_alloc&) {
+            sameId.pop_back();
+            throw;
+        }
+        m_registrationText += word;
+        return true;
+    });
+    if (!isRegistered) {
         return false;
     }
-    {
-        const ExclusiveGuard guard(m_clientsLock);
-        m_clientsById[moduleId].push_back(entry.get());
-        m_clients.push_back(std::move(entry));
-        m_registrationText += std::to_string(moduleId) + ' ';
+    if (TryUpdatePidMid()) {
+        return true;
     }
-    UpdatePidMid();
-    return true;
+    UnregisterClient(owner);
+    return false;
 }
 
 bool BaseMessageClient::UnregisterClient(const IPCMessageClient* owner) {
@@ -137,19 +153,21 @@ bool BaseMessageClient::UnregisterClient(const IPCMessageClient* owner) {
             m_clients.erase(entry);
         }
     }
-    UpdatePidMid();
+    if (!TryUpdatePidMid() && m_started) {
+        m_registrationDue = true;
+        SetEvent(m_sendEvent);
+    }
     return true;
 }
 
 bool BaseMessageClient::RegisterPublishHandler(const IPCMessageClient* owner, std::uint32_t moduleId,
-                                               PacketFunction onPacket) {
-    std::unique_ptr<PublishEntry> entry(new (std::nothrow) PublishEntry{moduleId, owner, std::move(onPacket)});
-    if (!entry) {
-        return false;
-    }
-    const ExclusiveGuard guard(m_publishLock);
-    m_publishHandlers.push_back(std::move(entry));
-    return true;
+                                               PacketReceiver receiver) {
+    return Succeeds([&] {
+        auto entry = std::make_unique<PublishEntry>(PublishEntry{moduleId, owner, std::move(receiver)});
+        const ExclusiveGuard guard(m_publishLock);
+        m_publishHandlers.push_back(std::move(entry));
+        return true;
+    });
 }
 
 bool BaseMessageClient::UnregisterPublishHandler(const IPCMessageClient* owner) {
@@ -160,17 +178,30 @@ bool BaseMessageClient::UnregisterPublishHandler(const IPCMessageClient* owner) 
     return true;
 }
 
-void BaseMessageClient::UpdatePidMid() {
-    const AutoLock lock(&m_registrationLock);
+BasePacket BaseMessageClient::MakeRegistration() const {
     BasePacket registration;
     registration.SetFrom(GetCurrentProcessId());
     registration.SetTo(ModuleId::kMsgServer);
     registration.SetMsgId(ControlMessage::kRegistration);
-    {
-        const SharedGuard guard(m_clientsLock);
-        registration.SetBody(m_registrationText);
+    const SharedGuard guard(m_clientsLock);
+    registration.SetBody(m_registrationText);
+    return registration;
+}
+
+bool BaseMessageClient::TryUpdatePidMid() {
+    return Succeeds([this] {
+        UpdatePidMid();
+        return true;
+    });
+}
+
+void BaseMessageClient::UpdatePidMid() {
+    const AutoLock lock(&m_registrationLock);
+    const BasePacket registration = MakeRegistration();
+    const AutoLock sending(&m_sendQueue);
+    if (m_pipe != INVALID_HANDLE_VALUE && !IsStopped()) {
+        QueueFor(m_connection, registration.ToFrame());
     }
-    QueueBytes(registration.ToFrame());
 }
 
 // ---- Sending and routing -------------------------------------------------------------------------------------------
@@ -187,55 +218,97 @@ bool BaseMessageClient::HasDirectReceiver(std::uint32_t moduleId, bool evenIfFor
                        [&](const ClientEntry* entry) { return evenIfForwarded || !entry->forwardPosts; });
 }
 
+// Queued first: where that fails nobody has received anything.
 bool BaseMessageClient::PostPacket(const std::shared_ptr<BasePacket>& packet) {
     if (packet->GetMsgType() == MessageType::kPublished || packet->GetTo() == ModuleId::kBroadcast) {
-        DispatchRecvPackage(packet);
-        return QueueFrame(packet);
+        const bool isQueued = QueueFrame(packet);
+        if (isQueued) {
+            Dispatch(packet, true);
+        }
+        return isQueued;
     }
-    if (HasDirectReceiver(packet->GetTo(), false)) {
-        DispatchRecvPackage(packet);
-        return true;
-    }
-    return QueueFrame(packet);
+    return HasDirectReceiver(packet->GetTo(), false) ? Dispatch(packet, false) : QueueFrame(packet);
 }
 
 bool BaseMessageClient::SendPacket(const std::shared_ptr<BasePacket>& packet) {
-    if (HasDirectReceiver(packet->GetTo(), true)) {
-        DispatchRecvPackage(packet);
-        return true;
-    }
-    return QueueFrame(packet);
+    return HasDirectReceiver(packet->GetTo(), true) ? Dispatch(packet, false) : QueueFrame(packet);
 }
 
 bool BaseMessageClient::QueueFrame(const std::shared_ptr<BasePacket>& packet) {
+    if (!m_started && !IsStopped() && !Start()) {
+        return false;
+    }
     QueueBytes(packet->ToFrame());
     return true;
 }
 
-void BaseMessageClient::DispatchRecvPackage(const std::shared_ptr<BasePacket>& packet) {
-    if (m_stop != 1) {
-        RoutePacket(packet);
-    }
-}
+namespace {
 
-void BaseMessageClient::RoutePacket(const std::shared_ptr<BasePacket>& packet) {
+// Gives a packet to all who want it. Each gets bytes of its own: a copy, and the last one the packet itself where
+// nobody else has it.
+class Handout {
+public:
+    explicit Handout(const std::shared_ptr<BasePacket>& packet) : m_packet(packet) {}
+
+    void Offer(const PacketReceiver& receiver) {
+        if (receiver.wants(*m_packet)) {
+            GiveCopy();
+            m_last = &receiver;
+        }
+    }
+    bool IsWanted() const { return m_last != nullptr; }
+    // While the receivers are sure to be there.
+    void Finish(bool othersHaveIt) {
+        if (othersHaveIt) {
+            GiveCopy();
+        } else if (m_last != nullptr) {
+            m_gaveItself = true;
+            m_isComplete = m_last->take(m_packet) && m_isComplete;
+        }
+    }
+
+    bool GaveItself() const { return m_gaveItself; }
+    // False: a receiver has lost the packet.
+    bool IsComplete() const { return m_isComplete; }
+
+private:
+    void GiveCopy() {
+        if (m_last != nullptr) {
+            m_isComplete = Succeeds([this] { return m_last->take(m_packet->OwnCopy()); }) && m_isComplete;
+        }
+    }
+
+    const std::shared_ptr<BasePacket>& m_packet;
+    const PacketReceiver* m_last = nullptr; // wants it and has not got it yet
+    bool m_gaveItself = false;
+    bool m_isComplete = true;
+};
+
+} // namespace
+
+bool BaseMessageClient::Dispatch(const std::shared_ptr<BasePacket>& packet, bool isQueuedToo) {
+    if (IsStopped()) {
+        return true;
+    }
+    Handout handout(packet);
+    const auto handOut = [&](const auto& entries) {
+        for (const auto& entry : entries) {
+            handout.Offer(entry->receiver);
+        }
+        handout.Finish(isQueuedToo || (handout.IsWanted() && IsAwaited(*packet)));
+    };
     if (packet->GetMsgType() == MessageType::kPublished) {
         const SharedGuard guard(m_publishLock);
-        for (const auto& entry : m_publishHandlers) {
-            entry->onPacket(packet);
-        }
+        handOut(m_publishHandlers);
     } else if (packet->GetTo() == ModuleId::kBroadcast) {
         const SharedGuard guard(m_clientsLock);
-        for (const auto& entry : m_clients) {
-            entry->onPacket(packet);
-        }
+        handOut(m_clients);
     } else {
         const SharedGuard guard(m_clientsLock);
-        for (const ClientEntry* entry : ClientsOf(packet->GetTo())) {
-            entry->onPacket(packet);
-        }
+        handOut(ClientsOf(packet->GetTo()));
     }
-    WakeupReplyMsg(packet);
+    WakeupReplyMsg(packet, !isQueuedToo && !handout.GaveItself());
+    return handout.IsComplete();
 }
 
 // ---- Waits ---------------------------------------------------------------------------------------------------------
@@ -245,7 +318,9 @@ BaseMessageClient::ReplyWait::ReplyWait(std::uint32_t awaited, std::shared_ptr<B
       request(std::move(sent)) {}
 
 BaseMessageClient::ReplyWait::~ReplyWait() {
-    CloseHandle(event);
+    if (event != nullptr) {
+        CloseHandle(event);
+    }
 }
 
 namespace {
@@ -264,20 +339,30 @@ private:
 
 } // namespace
 
-std::shared_ptr<BasePacket> BaseMessageClient::WaitForMessage(std::uint32_t msgId, DWORD timeoutMs,
-                                                              const std::shared_ptr<BasePacket>& request) {
-    const WaitCount count(m_waits);
+std::shared_ptr<BaseMessageClient::ReplyWait> BaseMessageClient::OpenWait(std::uint32_t msgId,
+                                                                          const std::shared_ptr<BasePacket>& request) {
     std::shared_ptr<ReplyWait> wait;
-    try {
+    const bool isOpen = Succeeds([&] {
         wait = std::make_shared<ReplyWait>(msgId, request);
         const AutoLock lock(&m_replyWaits);
         m_replyWaits.m_items.push_back(wait);
-    } catch (const std::bad_alloc&) {
+        return wait->event != nullptr;
+    });
+    if (!isOpen) {
         LOG_ERROR("CReplyWait object alloc failed");
+    }
+    return isOpen ? wait : nullptr;
+}
+
+std::shared_ptr<BasePacket> BaseMessageClient::WaitForMessage(std::uint32_t msgId, DWORD timeoutMs,
+                                                              const std::shared_ptr<BasePacket>& request) {
+    const WaitCount count(m_waits);
+    const auto wait = OpenWait(msgId, request);
+    if (!wait) {
         return nullptr;
     }
     StepDown();
-    if (SendPacket(request) && !IsStopped()) {
+    if (Succeeds([&] { return SendPacket(request); }) && !IsStopped()) {
         LOG_DEBUG("wait for event. msgId=" << msgId << ", uniqMsgId=" << wait->uniqMsgId);
         const auto answeredWithin = [&wait](DWORD ms) { return WaitForSingleObject(wait->event, ms) == WAIT_OBJECT_0; };
         if (m_answerSpin.Wait([&] { return answeredWithin(0); }, [&] { return answeredWithin(timeoutMs); })) {
@@ -289,61 +374,74 @@ std::shared_ptr<BasePacket> BaseMessageClient::WaitForMessage(std::uint32_t msgI
     return std::move(wait->reply);
 }
 
-void BaseMessageClient::WakeupReplyMsg(const std::shared_ptr<BasePacket>& packet) {
-    if (m_waits == 0) {
-        return; // whoever waits has counted itself before its request left
+BaseMessageClient::Match BaseMessageClient::MatchOf(const ReplyWait& wait, const BasePacket& packet) {
+    if (packet.GetMsgId() == ControlMessage::kModuleOffline) {
+        std::uint32_t moduleId = 0;
+        const bool isAbout = ReadModuleIdBody(packet.GetBody(), moduleId) && moduleId == wait.request->GetTo();
+        return isAbout ? Match::Offline : Match::None;
     }
-    std::list<std::shared_ptr<ReplyWait>> answered;
-    {
-        const AutoLock lock(&m_replyWaits);
-        auto& waits = m_replyWaits.m_items;
-        for (auto next = waits.begin(); next != waits.end();) {
-            const auto wait = next++;
-            if (auto reply = ReplyFor(**wait, packet)) {
-                (*wait)->reply = std::move(reply);
-                answered.splice(answered.end(), waits, wait);
-            }
-        }
-    }
-    Signal(answered);
+    return wait.msgId == packet.GetMsgId() && wait.uniqMsgId == packet.GetUniqMsgId() ? Match::Answer : Match::None;
 }
 
-// What the wait gets out of the packet; null when it waits for something else.
-std::shared_ptr<BasePacket> BaseMessageClient::ReplyFor(const ReplyWait& wait,
-                                                        const std::shared_ptr<BasePacket>& packet) {
-    const std::uint32_t msgId = packet->GetMsgId();
-    const std::uint32_t uniqMsgId = packet->GetUniqMsgId();
-    if (msgId == ControlMessage::kModuleOffline) {
-        std::uint32_t moduleId = 0;
-        if (!ReadModuleIdBody(packet->GetBody(), moduleId) || moduleId != wait.request->GetTo()) {
-            return nullptr;
+bool BaseMessageClient::IsAwaited(const BasePacket& packet) {
+    if (m_waits == 0) {
+        return false; // a sender counts itself before its request leaves
+    }
+    const AutoLock lock(&m_replyWaits);
+    const auto& waits = m_replyWaits.m_items;
+    return std::any_of(waits.begin(), waits.end(),
+                       [&](const auto& wait) { return MatchOf(*wait, packet) != Match::None; });
+}
+
+namespace {
+
+void LogMatch(const char* what, const BasePacket& packet) {
+    LOG_DEBUG(what << " msgId=" << packet.GetMsgId() << ", uniqId=" << packet.GetUniqMsgId());
+}
+
+// The notice stands in for the answer of the module that was asked.
+std::shared_ptr<BasePacket> NoticeInPlaceOfAnswer(const BasePacket& notice, const BasePacket& request) {
+    auto answer = notice.OwnCopy();
+    answer->SetTo(request.GetFrom());
+    answer->SetFrom(request.GetTo());
+    return answer;
+}
+
+} // namespace
+
+void BaseMessageClient::WakeupReplyMsg(const std::shared_ptr<BasePacket>& packet, bool isFree) {
+    if (m_waits == 0) {
+        return; // a sender counts itself before its request leaves
+    }
+    Signals answered; // given when the lock is free: a thread that wakes up takes it first
+    const AutoLock lock(&m_replyWaits);
+    auto& waits = m_replyWaits.m_items;
+    for (auto next = waits.begin(); next != waits.end();) {
+        const auto wait = next++;
+        switch (MatchOf(**wait, *packet)) {
+        case Match::None:
+            LOG_DEBUG("illegal messages.");
+            continue;
+        case Match::Offline:
+            LogMatch("offline msg.", *packet);
+            (*wait)->reply = NoticeInPlaceOfAnswer(*packet, *(*wait)->request);
+            break;
+        case Match::Answer:
+            LogMatch("find not offline msg.", *packet);
+            (*wait)->reply = std::exchange(isFree, false) ? packet : packet->OwnCopy();
+            break;
         }
-        LOG_DEBUG("offline msg. msgId=" << msgId << ", uniqId=" << uniqMsgId);
-        // The notice stands in for the answer of that module. A copy: callbacks may be reading the packet.
-        auto notice = std::make_shared<BasePacket>(*packet);
-        notice->SetTo(wait.request->GetFrom());
-        notice->SetFrom(wait.request->GetTo());
-        return notice;
+        answered.waits.splice(answered.waits.end(), waits, wait);
     }
-    if (wait.msgId == msgId && wait.uniqMsgId == uniqMsgId) {
-        LOG_DEBUG("find not offline msg. msgId=" << msgId << ", uniqId=" << uniqMsgId);
-        return packet;
-    }
-    LOG_DEBUG("illegal messages.");
-    return nullptr;
 }
 
 void BaseMessageClient::ReleaseWaits() {
-    std::list<std::shared_ptr<ReplyWait>> released;
-    {
-        const AutoLock lock(&m_replyWaits);
-        released.swap(m_replyWaits.m_items);
-    }
-    Signal(released);
+    Signals released;
+    const AutoLock lock(&m_replyWaits);
+    released.waits.swap(m_replyWaits.m_items);
 }
 
-// Not under the lock, which is the first thing that who wakes up takes.
-void BaseMessageClient::Signal(const std::list<std::shared_ptr<ReplyWait>>& waits) {
+BaseMessageClient::Signals::~Signals() {
     for (const auto& wait : waits) {
         SetEvent(wait->event);
     }

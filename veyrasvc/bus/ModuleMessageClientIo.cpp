@@ -4,6 +4,7 @@
 
 #include "veyrasvc/bus/ModuleId.h"
 #include "veyrasvc/util/LogStatement.h"
+#include "veyrasvc/util/Succeeds.h"
 
 #include <algorithm>
 #include <chrono>
@@ -30,9 +31,8 @@ constexpr std::size_t kDirectFrameBytes = 32 * 1024;
 constexpr std::size_t kJoinedFrameBytes = 8 * 1024;
 // Joined frames of that many bytes are worth a write; more of them would not make it cheaper.
 constexpr std::size_t kFullBytes = 32 * 1024;
-// Room for joined frames, and how many such rooms are kept: fresh memory is cleared by the system first.
+// Room for joined frames.
 constexpr std::size_t kJoinedBytes = 64 * 1024;
-constexpr std::size_t kSpares = 4;
 // Of what callbacks send, no more than that waits for others to end.
 constexpr std::size_t kHeldBackBytes = 2 * 1024;
 // Reads and writes in a row before the other direction has its turn.
@@ -54,29 +54,48 @@ bool BaseMessageClient::AwaitPipe(DWORD timeoutMs) const {
     return false;
 }
 
-bool BaseMessageClient::Connect(DWORD timeoutMs) {
-    if (!AwaitPipe(timeoutMs)) {
-        return false;
-    }
-    const HANDLE pipe = CreateFileW(kBusPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                                    FILE_FLAG_WRITE_THROUGH | FILE_FLAG_OVERLAPPED | FILE_ATTRIBUTE_NORMAL, nullptr);
+bool BaseMessageClient::Open(HANDLE& pipe) {
+    pipe = CreateFileW(kBusPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                       FILE_FLAG_WRITE_THROUGH | FILE_FLAG_OVERLAPPED | FILE_ATTRIBUTE_NORMAL, nullptr);
     if (pipe == INVALID_HANDLE_VALUE) {
         LOG_ERROR("CBaseMessageClient connect CreateFile failed. error=" << GetLastError());
         return false;
     }
     DWORD mode = PIPE_READMODE_BYTE | PIPE_WAIT;
     SetNamedPipeHandleState(pipe, &mode, nullptr, nullptr);
-    m_reading = false;
-    m_recvData.Clear();
-    {
-        const AutoLock lock(&m_sendQueue);
-        m_pipe = pipe;
-        m_writing = false;
-        m_mustWrite = true; // frames may have come while there was no pipe
-    }
-    m_readPipe = pipe;
-    UpdatePidMid();
     return true;
+}
+
+// Modules that are registered meanwhile wait for the lock, and are then registered on this connection.
+bool BaseMessageClient::Connect(DWORD timeoutMs) {
+    return Succeeds([&] {
+        if (!AwaitPipe(timeoutMs)) {
+            return false;
+        }
+        const AutoLock registering(&m_registrationLock);
+        const BasePacket registration = MakeRegistration();
+        Outgoing first;
+        Put(registration.ToFrame(), first);
+        HANDLE pipe = INVALID_HANDLE_VALUE;
+        if (!Open(pipe)) {
+            return false;
+        }
+        Attach(pipe, std::move(first));
+        return true;
+    });
+}
+
+void BaseMessageClient::Attach(HANDLE pipe, Outgoing registration) {
+    m_readPipe = pipe;
+    m_reading = false;
+    m_registrationDue = false;
+    m_recvData.Clear();
+    const AutoLock lock(&m_sendQueue);
+    m_pipe = pipe;
+    m_writing = false;
+    m_mustWrite = true;
+    registration.connection = ++m_connection;
+    m_sendNext = std::exchange(m_sendRest, std::move(registration));
 }
 
 // No flush and no disconnect before the close: both would wait for a server that may read no more, and what was
@@ -111,17 +130,27 @@ void BaseMessageClient::Disconnect() {
     if (writing) {
         GetOverlappedResult(INVALID_HANDLE_VALUE, &m_writeOverlapped, &bytes, TRUE);
     }
-    // What was begun is lost: a long frame, or short ones that left in one write. What was not goes first when there is
-    // a pipe again.
-    if (m_sendRestOffset > 0) {
+    // What was begun is lost: a long frame, or short ones that left in one write. What was not begun goes first when
+    // there is a pipe again, behind that pipe's registration.
+    if (std::exchange(m_sendRestOffset, 0) > 0 || m_sendRest.connection != 0) {
         m_sendRest = {};
-        m_sendRestOffset = 0;
+    }
+    if (m_sendRest.Bytes().empty()) {
+        m_sendRest = std::exchange(m_sendNext, {});
     }
     m_recvData.Clear();
 }
 
-// One turn: read and write what goes, then wait for more. False when the connection is broken.
-bool BaseMessageClient::MovePipe() {
+// One turn: read and write what goes, then wait for more. False when the connection is broken, or has to be ended
+// because there is no memory for what is coming.
+bool BaseMessageClient::MovePipe() noexcept {
+    return Succeeds([this] { return TakeTurn(); });
+}
+
+bool BaseMessageClient::TakeTurn() {
+    if (m_registrationDue.exchange(false)) {
+        UpdatePidMid();
+    }
     bool drained = false;
     if (!ReadWhatIsThere() || !PumpWrite(drained)) {
         return false;
@@ -167,12 +196,7 @@ bool BaseMessageClient::StartRead(bool& completed) {
     if (m_reading) {
         return true;
     }
-    std::span<char> room;
-    try {
-        room = m_recvData.Room(sizeof m_readBuffer);
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+    std::span<char> room = m_recvData.Room(sizeof m_readBuffer);
     m_readsOn = !room.empty();
     if (!m_readsOn) {
         room = m_readBuffer;
@@ -192,22 +216,18 @@ bool BaseMessageClient::OnReadComplete() {
     if (GetOverlappedResult(INVALID_HANDLE_VALUE, &m_readOverlapped, &bytes, TRUE) == FALSE && bytes == 0) {
         return GetLastError() == ERROR_OPERATION_ABORTED; // a thread that served before has ended, and it with it
     }
-    return ExtractFrames(bytes) && RunCallbacks();
+    ExtractFrames(bytes);
+    return RunCallbacks();
 }
 
-// Bytes that are out of step are dropped and the connection stays. False: no memory for what is coming.
-bool BaseMessageClient::ExtractFrames(std::size_t length) {
+// Bytes that are out of step are dropped and the connection stays.
+void BaseMessageClient::ExtractFrames(std::size_t length) {
     const auto deliver = [this](const SharedBytes& frame) { Deliver(frame); };
     const CallbackBatch::Collecting collecting(*m_batch);
-    try {
-        if (m_readsOn) {
-            m_recvData.Filled(length, deliver);
-        } else {
-            m_recvData.Feed({nullptr, {m_readBuffer, length}}, deliver);
-        }
-        return true;
-    } catch (const std::bad_alloc&) {
-        return false;
+    if (m_readsOn) {
+        m_recvData.Filled(length, deliver);
+    } else {
+        m_recvData.Feed({nullptr, {m_readBuffer, length}}, deliver);
     }
 }
 
@@ -223,10 +243,13 @@ void BaseMessageClient::Deliver(const SharedBytes& frame) {
 
 // ---- Writing -------------------------------------------------------------------------------------------------------
 
+bool BaseMessageClient::NothingToWrite() const {
+    return m_sendRest.Bytes().empty() && m_sendQueue.m_items.empty() && m_sendNext.Bytes().empty();
+}
+
 bool BaseMessageClient::MayWriteAtOnce(std::size_t length) const {
     // What is being written stands in m_sendRest.
-    return m_pipe != INVALID_HANDLE_VALUE && m_sendRest.Bytes().empty() && m_sendQueue.m_items.empty() &&
-           length <= kDirectFrameBytes;
+    return m_pipe != INVALID_HANDLE_VALUE && NothingToWrite() && length <= kDirectFrameBytes;
 }
 
 // Many frames in close succession cost less when who serves the connection writes them together than when each is
@@ -243,11 +266,15 @@ bool BaseMessageClient::InRush() {
 
 void BaseMessageClient::QueueBytes(SharedBytes frame) {
     const AutoLock lock(&m_sendQueue);
-    if (IsStopped()) {
-        return; // would be discarded with the rest of the queue
+    if (!IsStopped()) { // else it would be discarded with the rest of the queue
+        QueueFor(0, std::move(frame));
     }
+}
+
+// `connection`: see Outgoing.
+void BaseMessageClient::QueueFor(std::uint32_t connection, SharedBytes frame) {
     if (const CallbackBatch* const batch = CallbackBatch::RunHere(); batch != nullptr && batch->MoreFollow()) {
-        Enqueue(std::move(frame));
+        Enqueue(connection, std::move(frame));
         m_heldBack = m_mustWrite = true;
         WriteFrom(kHeldBackBytes);
         if (!batch->MoreFollow()) {
@@ -256,21 +283,18 @@ void BaseMessageClient::QueueBytes(SharedBytes frame) {
         return;
     }
     if (m_heldBack) {
-        Enqueue(std::move(frame));
+        Enqueue(connection, std::move(frame));
         WriteQueued();
         return;
     }
     if (MayWriteAtOnce(frame.bytes.size()) && !InRush()) {
-        if (frame.storage) {
-            m_sendRest.frame = std::move(frame);
-        } else {
-            m_sendRest.joined = frame.bytes;
-        }
+        Put(std::move(frame), m_sendRest);
+        m_sendRest.connection = connection;
         WriteQueued();
         return;
     }
-    const bool wasIdle = m_sendRest.Bytes().empty() && m_sendQueue.m_items.empty();
-    Enqueue(std::move(frame));
+    const bool wasIdle = NothingToWrite();
+    Enqueue(connection, std::move(frame));
     if (wasIdle) {
         CallWriter();
     } else {
@@ -293,7 +317,7 @@ void BaseMessageClient::WriteQueued() {
     bool written = m_pipe != INVALID_HANDLE_VALUE;
     for (int i = 0; i < kAtMost && written && WriteChunk(written); ++i) {
     }
-    if (!m_sendRest.Bytes().empty() || !m_sendQueue.m_items.empty()) {
+    if (!NothingToWrite()) {
         CallWriter();
     }
 }
@@ -312,23 +336,54 @@ void BaseMessageClient::WriteHeldBack() {
     }
 }
 
-void BaseMessageClient::Enqueue(SharedBytes frame) {
+void BaseMessageClient::Put(SharedBytes frame, Outgoing& outgoing) {
+    if (frame.storage) {
+        outgoing.frame = std::move(frame);
+    } else {
+        outgoing.joined = frame.bytes;
+    }
+}
+
+void BaseMessageClient::Enqueue(std::uint32_t connection, SharedBytes frame) {
     auto& waiting = m_sendQueue.m_items;
     const std::size_t length = frame.bytes.size();
-    if (length > kJoinedFrameBytes) {
-        waiting.push({std::move(frame), {}});
+    if (length > kJoinedFrameBytes || connection != 0) {
+        Outgoing alone;
+        alone.connection = connection;
+        Put(std::move(frame), alone);
+        waiting.push(std::move(alone));
         return;
     }
     // Never more than one write takes: see Disconnect.
-    if (waiting.empty() || waiting.back().frame.storage || waiting.back().joined.size() + length > kJoinedBytes) {
-        waiting.push({});
+    const auto takesMore = [length](const Outgoing& last) {
+        return !last.frame.storage && last.connection == 0 && last.joined.size() + length <= kJoinedBytes;
+    };
+    if (waiting.empty() || !takesMore(waiting.back())) {
+        Outgoing next;
         if (!m_spareJoined.empty()) {
-            waiting.back().joined = std::move(m_spareJoined.back());
+            next.joined = std::move(m_spareJoined.back());
             m_spareJoined.pop_back();
         }
-        waiting.back().joined.reserve(kJoinedBytes);
+        next.joined.reserve(kJoinedBytes);
+        next.joined += frame.bytes;
+        waiting.push(std::move(next));
+    } else {
+        waiting.back().joined += frame.bytes;
     }
-    waiting.back().joined += frame.bytes;
+}
+
+// The next piece of work for the pipe, if there is one. What was for an earlier connection is dropped.
+void BaseMessageClient::TakeNext() {
+    if (m_sendRest.Bytes().empty() && !m_sendNext.Bytes().empty()) {
+        m_sendRest = std::exchange(m_sendNext, {});
+    }
+    while (m_sendRest.Bytes().empty() && !m_sendQueue.m_items.empty()) {
+        Outgoing& first = m_sendQueue.m_items.front();
+        if (first.connection == 0 || first.connection == m_connection) {
+            m_sendRest = std::move(first);
+        }
+        m_sendQueue.m_items.pop();
+    }
 }
 
 // The queue is free meanwhile, so that no other sender waits for the pipe.
@@ -346,12 +401,9 @@ bool BaseMessageClient::WriteChunk(bool& written) {
     if (m_writing || m_handingOver) {
         return true;
     }
+    TakeNext();
     if (m_sendRest.Bytes().empty()) {
-        if (m_sendQueue.m_items.empty()) {
-            return true;
-        }
-        m_sendRest = std::move(m_sendQueue.m_items.front());
-        m_sendQueue.m_items.pop();
+        return true;
     }
     const std::string_view rest = m_sendRest.Bytes().substr(m_sendRestOffset, kTransferBytes);
     m_handingOver = true;
@@ -374,7 +426,8 @@ void BaseMessageClient::EndWritten() {
     if (m_sendRestOffset == m_sendRest.Bytes().size()) {
         m_sendRest.frame = {};
         m_sendRest.joined.clear();
-        if (m_sendRest.joined.capacity() >= kJoinedBytes && m_spareJoined.size() < kSpares) {
+        m_sendRest.connection = 0;
+        if (m_sendRest.joined.capacity() >= kJoinedBytes && m_spareJoined.size() < kSpareJoined) {
             m_spareJoined.push_back(std::move(m_sendRest.joined)); // for the next rush
         }
         m_sendRestOffset = 0;

@@ -9,12 +9,14 @@ namespace Vantor::Sentrix {
 namespace {
 
 constexpr DWORD kConnectTimeoutMs = 1000;
-constexpr DWORD kReconnectIntervalMs = 1000;
 
 // How often a leader that runs callbacks is looked at, and for how many ticks after its last callback: about as many as
 // cost what waking the I/O thread for the next one does.
 constexpr DWORD kTickMs = 1;
 constexpr int kQuietTicks = 3;
+// How long a leader that could run may stay in one callback. It computes, or other programs have its processor: then a
+// relief would hand its callbacks to threads that would have to wait for a processor as well.
+constexpr std::chrono::milliseconds kBusyPatience{10};
 
 } // namespace
 
@@ -29,29 +31,41 @@ DWORD BaseMessageClient::WorkerProc(void* engine) {
 
 void BaseMessageClient::RunConnection() {
     while (m_stop == 0) {
-        if (!m_leadership.IsIoThreads()) {
+        if (m_leadersBatch) {
             StandBy();
         } else if (!m_connected) {
-            m_connected = Connect(kConnectTimeoutMs);
-            if (!m_connected && StopsWithin(kReconnectIntervalMs)) {
-                break;
-            }
+            Reconnect();
         } else if (m_broken || !MovePipe()) {
-            Disconnect();
+            EndConnection();
         } else if (m_candidate.exchange(false)) {
             HandOverConnection();
         } else if (m_wantsLeader) {
             AskForLeader();
         }
     }
-    while (!m_leadership.IsIoThreads()) {
+    while (m_leadersBatch) {
         StandBy();
     }
     Disconnect();
 }
 
-bool BaseMessageClient::StopsWithin(DWORD milliseconds) const {
-    return WaitForSingleObject(m_exitEvent, milliseconds) == WAIT_OBJECT_0;
+void BaseMessageClient::Reconnect() {
+    m_connected = Connect(kConnectTimeoutMs);
+    if (m_connected) {
+        m_connectedAt = std::chrono::steady_clock::now();
+    } else {
+        Pause(m_pauses.Next());
+    }
+}
+
+void BaseMessageClient::EndConnection() {
+    Disconnect();
+    Pause(m_pauses.AfterConnection(std::chrono::steady_clock::now() - m_connectedAt));
+}
+
+// Until the stop at the longest.
+void BaseMessageClient::Pause(std::chrono::milliseconds time) const {
+    WaitForSingleObject(m_exitEvent, static_cast<DWORD>(time.count()));
 }
 
 // This thread goes on serving until a leader is there, so nothing depends on when the pool has a thread for it.
@@ -82,7 +96,11 @@ void BaseMessageClient::StandBy() {
     const std::uint64_t position = m_leadersBatch->Position();
     const bool moved = position != m_watchedPosition;
     m_watchedPosition = position;
-    if (running && (stopping || (result == WAIT_TIMEOUT && !moved)) && m_leadership.Relieve(m_lastLeader)) {
+    if (!running || moved) {
+        m_stuckSince.reset();
+    }
+    const bool isHeldUp = running && !moved && result == WAIT_TIMEOUT && LeaderIsHeldUp();
+    if (running && (stopping || isHeldUp) && m_leadership.Relieve(m_lastLeader)) {
         m_leadersBatch->HandOver();
     }
     if (m_leadership.IsIoThreads()) {
@@ -96,8 +114,16 @@ void BaseMessageClient::StandBy() {
     }
 }
 
+// Asked when it was in one callback for a tick.
+bool BaseMessageClient::LeaderIsHeldUp() {
+    const auto now = std::chrono::steady_clock::now();
+    m_stuckSince = m_stuckSince.value_or(now);
+    return !m_leadersBatch->CouldRun() || now - *m_stuckSince >= kBusyPatience;
+}
+
 void BaseMessageClient::TakeConnectionBack() {
     m_batch = &m_ownBatch;
+    m_stuckSince.reset();
     m_leadersBatch.reset(); // a leader that was relieved still holds it
     m_watched = false;
     m_watchedPosition = 0;
@@ -117,6 +143,7 @@ void BaseMessageClient::Lead() {
         return;
     }
     const auto batch = m_leadersBatch;
+    batch->RunsOnThisThread();
     bool works = true;
     while (works && m_stop == 0) {
         works = MovePipe();

@@ -49,7 +49,7 @@ std::shared_ptr<PipeEvents> IOCPServer::EventsOfRun() {
 }
 
 bool IOCPServer::Start() {
-    LOG_ERROR("IPC-Server: IOCP server start");
+    LOG_ERROR_ROUTINE("IPC-Server: IOCP server start");
     if (m_running.exchange(1) == 1) {
         return false;
     }
@@ -62,7 +62,7 @@ bool IOCPServer::Start() {
         LOG_ERROR("IPC-Server: no memory to serve");
         m_run.reset();
     }
-    LOG_ERROR("IPC-Server: IOCP server start finish");
+    LOG_ERROR_ROUTINE("IPC-Server: IOCP server start finish");
     return true;
 }
 

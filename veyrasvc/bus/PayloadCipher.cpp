@@ -147,10 +147,11 @@ int DecryptPayload(const unsigned char* iv, const unsigned char* cipher, std::si
         return kFailed;
     }
     *plain = nullptr;
-    Block made = Allocate(length);
+    Block made = Allocate(length + 1);
     if (!made || DecryptCbc(iv, cipher, length, made.get(), plainLength) != kDone) {
         return kFailed;
     }
+    made.get()[*plainLength] = 0;
     *plain = made.release();
     return kDone;
 }

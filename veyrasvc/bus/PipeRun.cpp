@@ -63,11 +63,12 @@ bool PipeRun::Begin() {
         return false;
     }
     static_cast<void>(workersShare.release()); // the worker's
-    for (std::int64_t i = 0; i < kAcceptCount; ++i) {
+    for (std::int64_t i = 0; i < kAcceptCount && !m_lacksPlaces; ++i) {
         IOCPBuffer* buffer = AllocateBuffer(kPipeIoBytes);
-        if (buffer != nullptr && !PostAccept(*buffer)) {
-            break;
-        }
+        m_lacksPlaces = buffer == nullptr || !PostAccept(*buffer);
+    }
+    if (m_lacksPlaces) { // the worker, which may sleep without a limit, tries again
+        PostQueuedCompletionStatus(m_completionPort, 0, 0, nullptr);
     }
     return true;
 }
@@ -105,7 +106,7 @@ void PipeRun::Remove(ContextMap& contexts, const IOCPContext& context) {
 
 DWORD PipeRun::WorkerThreadProc(void* run) {
     const std::unique_ptr<std::shared_ptr<PipeRun>> share(static_cast<std::shared_ptr<PipeRun>*>(run));
-    LOG_ERROR("IPC-Server: worker thread Proc");
+    LOG_ERROR_ROUTINE("IPC-Server: worker thread Proc");
     (*share)->Serve();
     return 0;
 }
@@ -164,7 +165,7 @@ bool PipeRun::ServeOne() {
         if (succeeded != FALSE || GetLastError() == WAIT_TIMEOUT) {
             return true;
         }
-        LOG_ERROR("IPC-Server: worker thread Proc finish");
+        LOG_ERROR_ROUTINE("IPC-Server: worker thread Proc finish");
         return false;
     }
     IOCPContext& context = *reinterpret_cast<IOCPContext*>(key);
@@ -318,7 +319,7 @@ bool PipeRun::OperationAcceptProcess(IOCPContext& context, DWORD bytes, IOCPBuff
         m_connectedContexts.m_items[KeyOf(context)] = &context;
     }
     if (!AssociateDeviceWithCompletionPort(m_completionPort, buffer.m_acceptPipe, KeyOf(context))) {
-        LOG_ERROR("Reconnect NamedPipe failed");
+        LOG_ERROR_ROUTINE("Reconnect NamedPipe failed");
     }
     buffer.m_length = bytes;
     if (!m_events->OnNewConnection(&context)) {

@@ -87,7 +87,7 @@ private:
     ContextMap m_connectedContexts;                          // instances that have one
     std::atomic<bool> m_stopping{false};                     // nothing begins any more
     std::atomic<bool> m_abandoned{false};                    // nobody waits for the worker; events are over
-    std::atomic<bool> m_lacksPlaces{false};                  // CheckAccepting could not restore all
+    std::atomic<bool> m_lacksPlaces{false};                  // not all could be had
     std::atomic<std::int64_t> m_outstanding{0}; // operations started and not yet dispatched, over all contexts
 
     // Touched by the worker only.

@@ -20,7 +20,11 @@ BSODClient::BSODClient(int moduleId) : m_client(moduleId, true, false) {
 }
 
 BSODClient::~BSODClient() {
-    m_client.UnRegisterMessageCallbackAll();
+    EndHooks();
+}
+
+void BSODClient::EndHooks() {
+    m_client.EndCallbacks();
 }
 
 void BSODClient::OnRecvBsodAnalysis(TagIPCMessageItem& /*item*/) {}

@@ -9,7 +9,7 @@
 
 namespace Vantor::Sentrix {
 
-// Threads, hooks and failures: as DFSClient.
+// Threads, hooks, lifetime and failures: as DFSClient.
 class VEYRASVC_API BSODClient {
 public:
     // `moduleId`: the caller's own.
@@ -31,6 +31,10 @@ public:
 
     // As DFSClient::CancelDetection.
     int CancelAnalysis();
+
+protected:
+    // As DFSClient::EndHooks.
+    void EndHooks();
 
 private:
     IPCMessageClient m_client;

@@ -44,7 +44,11 @@ DFSClient::DFSClient(int moduleId) : m_client(moduleId, true, false) {
 }
 
 DFSClient::~DFSClient() {
-    m_client.UnRegisterMessageCallbackAll();
+    EndHooks();
+}
+
+void DFSClient::EndHooks() {
+    m_client.EndCallbacks();
 }
 
 void DFSClient::OnRecvStartDetection(TagIPCMessageItem& /*item*/) {}

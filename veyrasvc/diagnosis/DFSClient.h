@@ -15,12 +15,12 @@ namespace Vantor::Sentrix {
 // hook.
 //
 // Threads: any. Hooks run on pool threads, several at a time and beside any operation; the item's data is valid during
-// the hook. They may run as soon as the base is made and until its destructor returns: a subclass whose hooks use its
-// own members guards them against its own construction and destruction. An outcome that comes while a subclass is being
-// destroyed races with that for the hook: destroy it when none is to come.
-// Fails: no answer or no bus is an empty text or list, or -1, and a log line; nothing is tried again. An answer of the
-// wrong shape may throw, see each operation.
-// Requires: every deviceInfo is non-null.
+// the hook. They may run as soon as the base is made, before the subclass's own members are: only what a start has
+// asked for comes then, so start nothing before the object is whole. Lifetime: a subclass calls EndHooks() first in its
+// destructor, else a hook may use members that are gone. The destructor is not virtual: delete a subclass as what it
+// is, never through a pointer to this class. Fails: no answer or no bus is an empty text or list, or -1, and a log
+// line; nothing is tried again. An answer of the wrong shape may throw, see each operation. Requires: every deviceInfo
+// is non-null.
 class VEYRASVC_API DFSClient {
 public:
     // `moduleId`: the caller's own.
@@ -60,6 +60,11 @@ public:
     // The service's record of a fault event. The service defines the unit of the times.
     std::string GetFaultInfobyId(int eventId, long long startTime, long long endTime, const std::string& eventType,
                                  const std::string& eventProvider);
+
+protected:
+    // From now on no hook begins; returns when none runs but those that the calling thread is inside of. Operations
+    // still work. Calling it again does nothing.
+    void EndHooks();
 
 private:
     IPCMessageClient m_client;

@@ -17,6 +17,9 @@ namespace {
 // Final, so that it may be deleted although its base has no virtual destructor.
 struct Client final : DFSClient {
     using DFSClient::DFSClient;
+    ~Client() { EndHooks(); }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
 };
 
 } // namespace
@@ -73,10 +76,11 @@ std::string_view FrontOf(std::string_view text, std::size_t most) {
     return text.substr(0, end);
 }
 
+// Nothing stays behind the text of what was there before.
 void CopyOut(const std::string& text, char* out, std::size_t size) {
     const std::string_view front = FrontOf(text, size - 1);
     std::memcpy(out, front.data(), front.size());
-    out[front.size()] = '\0';
+    std::memset(out + front.size(), 0, size - front.size());
 }
 
 void CopyOut(const std::list<std::string>& texts, CStringList& out) {
@@ -85,7 +89,9 @@ void CopyOut(const std::list<std::string>& texts, CStringList& out) {
         if (out.count == DFS_MAX_ITEMS) {
             return;
         }
-        CopyOut(text, out.items[out.count], kItemSize);
+        char(&item)[DFS_TEXT_SIZE] = out.items[out.count];
+        item[kItemSize] = '\0';
+        CopyOut(text, item, kItemSize);
         ++out.count;
     }
 }

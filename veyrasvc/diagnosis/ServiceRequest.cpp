@@ -2,9 +2,9 @@
 
 #include "veyrasvc/platform/Win32.h"
 
+#include <atomic>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 
 namespace Vantor::Sentrix {
@@ -28,18 +28,19 @@ TagIPCMessageItem RecordOf(const ServiceRequest& request, const std::string& tex
     return item;
 }
 
-// The tick at which a request is sent, as its correlation id. Never the same twice: requests of two threads, or one
-// that follows another that was answered twice, would take each other's answers.
-std::int32_t NextTick() {
-    static std::mutex mutex;
-    static DWORD last = 0;
-    const std::lock_guard guard(mutex);
-    DWORD now = GetTickCount();
-    for (; now == last; now = GetTickCount()) {
-        Sleep(1);
-    }
-    last = now;
-    return static_cast<std::int32_t>(now);
+// A correlation id: the tick at which the request is sent, or one more than the last id when that has reached the tick.
+// Never the same twice: requests of two threads, or one that follows another that was answered twice, would take each
+// other's answers.
+std::int32_t NextId() {
+    static std::atomic<DWORD> last{GetTickCount() - 1};
+    const DWORD now = GetTickCount();
+    DWORD before = last;
+    DWORD next = 0;
+    do {
+        const bool isLater = static_cast<std::int32_t>(now - before) > 0; // the tick begins again every 49.7 days
+        next = isLater ? now : before + 1;
+    } while (!last.compare_exchange_weak(before, next));
+    return static_cast<std::int32_t>(next);
 }
 
 } // namespace
@@ -51,7 +52,7 @@ bool PostRequest(const IPCMessageClient& client, const ServiceRequest& request, 
 std::optional<std::string> Ask(const IPCMessageClient& client, const ServiceRequest& request, const std::string& text,
                                const char* resultLabel, const CallSite& where) {
     TagIPCMessageItem item = RecordOf(request, text);
-    item.uniqMsgId = NextTick();
+    item.uniqMsgId = NextId();
     TagIPCMessageItem answer;
     const bool sent = client.SendIPCMessage(item, answer, kAnswerTimeoutMs);
     const std::unique_ptr<char, OperatorDelete> owned(answer.data);

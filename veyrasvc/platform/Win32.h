@@ -30,6 +30,7 @@
 #include <psapi.h>
 #include <sddl.h>
 #include <wincrypt.h>
+#include <winternl.h>
 #include <winver.h>
 
 // Macros of the system headers that collide with ordinary names.
@@ -42,6 +43,14 @@
 #undef GetMessage
 #undef SendMessage
 #undef Yield
+
+namespace Vantor::Sentrix {
+
+// The system's headers leave these out.
+inline const auto ThreadSystemThreadInformation = static_cast<THREADINFOCLASS>(40);
+constexpr ULONG StateWait = 5;
+
+} // namespace Vantor::Sentrix
 
 #else
 

@@ -23,6 +23,16 @@ int Sum(int a, int b) {
     return static_cast<int>(static_cast<unsigned int>(a) + static_cast<unsigned int>(b));
 }
 
+// False when there was no memory for it.
+template <class Append> bool WithinMemory(Append append) {
+    try {
+        append();
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 } // namespace
 
 IOChannel::~IOChannel() = default;
@@ -187,11 +197,14 @@ int DataStream::ReadString(std::string& value) {
     }
     const std::lock_guard guard(m_scratch->mutex);
     auto& bytes = m_scratch->bytes;
-    // Zeros, as under every other read: what a channel fails to deliver must not be the text that somebody read before.
-    bytes.assign(static_cast<std::size_t>(length), '\0');
-    const int moved = Read(bytes.data(), static_cast<unsigned int>(length));
-    value.append(bytes.data(), bytes.size());
-    return Sum(moved, kLengthBytes);
+    int moved = 0;
+    const bool isRead = WithinMemory([&] {
+        // Zeros, as under every other read: what a channel fails to deliver must not be text that was read before.
+        bytes.assign(static_cast<std::size_t>(length), '\0');
+        moved = Read(bytes.data(), static_cast<unsigned int>(length));
+        value.append(bytes.data(), bytes.size());
+    });
+    return isRead ? Sum(moved, kLengthBytes) : -1;
 }
 
 int DataStream::ReadUtf8StringArray(std::vector<std::string>& values) {
@@ -205,10 +218,9 @@ int DataStream::ReadUtf8StringArray(std::vector<std::string>& values) {
     for (int i = 0; i < count; ++i) {
         std::string value;
         const int moved = ReadString(value);
-        if (moved < 0) {
+        if (moved < 0 || !WithinMemory([&] { values.push_back(std::move(value)); })) {
             break;
         }
-        values.push_back(std::move(value));
         total = Sum(total, moved);
     }
     return total;
@@ -217,8 +229,7 @@ int DataStream::ReadUtf8StringArray(std::vector<std::string>& values) {
 int DataStream::ReadLine(std::string& line) {
     line.clear();
     char next = 0;
-    while (ReadInt8(next) > 0 && next != '\n') {
-        line.push_back(next);
+    while (ReadInt8(next) > 0 && next != '\n' && WithinMemory([&] { line.push_back(next); })) {
     }
     return static_cast<int>(line.size());
 }

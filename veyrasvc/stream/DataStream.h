@@ -19,7 +19,7 @@
 //
 // Owns: pointers and references are borrowed, unless a declaration says otherwise.
 // Threads: a channel and what reads or writes it belong to one thread at a time, but see DataStream.
-// Fails: with a count or -1. Only the strings and vectors that are filled can run out of memory and throw.
+// Fails: with a count or -1. Nothing throws; without memory a string is empty and -1, an array or line ends early.
 #pragma once
 
 #include "veyrasvc/platform/Export.h"

@@ -72,8 +72,8 @@ std::int64_t WriteFileHandle(HANDLE handle, const void* buffer, unsigned int cou
     }
     DWORD moved = 0;
     if (WriteFile(handle, buffer, count, &moved, nullptr) == FALSE) {
-        Sleep(0); // a caller that tries again at once lets others run first
-        return -1;
+        Sleep(0);                                    // a caller that tries again at once lets others run first
+        return moved > 0 ? std::int64_t{moved} : -1; // a disk that became full took the beginning
     }
     return moved;
 }

@@ -14,7 +14,8 @@ HANDLE OpenFileHandle(const std::string& name, std::uint16_t mode);
 HANDLE OpenFileHandle(const std::wstring& name, std::uint16_t mode);
 void CloseFileHandle(HANDLE handle);
 
-// The bytes moved, or the new position; -1 on failure or for a null handle.
+// The bytes moved, or the new position; -1 on failure or for a null handle. A write that fails partway gives the bytes
+// that the file has; the position is behind them.
 std::int64_t ReadFileHandle(HANDLE handle, void* buffer, unsigned int count);
 std::int64_t WriteFileHandle(HANDLE handle, const void* buffer, unsigned int count);
 std::int64_t SeekFileHandle(HANDLE handle, std::int64_t offset, int origin);

@@ -1,38 +1,57 @@
 #include "veyrasvc/stream/FileItems.h"
 
 #include "veyrasvc/stream/SimpleStream.h"
+#include "veyrasvc/util/LogStatement.h"
 
 #include <cstring>
 #include <memory>
+#include <new>
 
 namespace Vantor::Sentrix {
 
 namespace {
 
-// Knows whether all that was asked of a stream came. From its end on everything reads as zeros, which is what a reader
-// makes of missing bytes anyhow; so one line in the log tells of the end, not one for each field behind it.
-class EndWatch final : public Stream {
+// The stream that one item is read from: knows whether the item is there at all. One that is not reads as zeros, whose
+// strings are empty, so that one line in the log tells of the end and not one for each field.
+class ItemSource final : public Stream {
 public:
-    explicit EndWatch(Stream& stream) : m_stream(stream) {}
+    explicit ItemSource(Stream& stream) : m_stream(stream) {}
 
-    bool HasEnded() const { return m_hasEnded; }
+    bool IsMissing() const { return m_state == State::kMissing; }
 
     unsigned int Read(void* buffer, unsigned int count) override {
-        if (m_hasEnded) {
+        if (m_state == State::kMissing) {
             std::memset(buffer, 0, count);
             return count;
         }
         const unsigned int arrived = m_stream.Read(buffer, count);
-        m_hasEnded = arrived != count;
+        if (m_state == State::kUnread) {
+            m_state = arrived == 0 ? State::kMissing : State::kThere;
+        }
         return arrived;
     }
     unsigned int Write(const void* /*buffer*/, unsigned int /*count*/) override { return 0; }
     std::int64_t Seek(std::int64_t offset, int origin) override { return m_stream.Seek(offset, origin); }
 
 private:
+    enum class State { kUnread, kMissing, kThere };
+
     Stream& m_stream;
-    bool m_hasEnded = false;
+    State m_state = State::kUnread;
 };
+
+// False when the stream holds no byte of another item.
+bool ReadItem(std::vector<BaseItem*>& items, Stream& stream) {
+    ItemSource source(stream);
+    auto item = std::make_unique<SimpleFileItem>();
+    item->Deserialize(&source);
+    if (source.IsMissing()) {
+        return false;
+    }
+    items.push_back(item.get());
+    static_cast<void>(item.release()); // only once the vector has it
+    return true;
+}
 
 } // namespace
 
@@ -76,15 +95,11 @@ void SimpleFileItem::Deserialize(Stream* stream) {
 }
 
 void ReadItems(std::vector<BaseItem*>& items, Stream* stream) {
-    EndWatch watched(*stream);
-    for (unsigned int left = StreamReader(&watched).ReadUInt(); left > 0; --left) {
-        auto item = std::make_unique<SimpleFileItem>();
-        item->Deserialize(&watched);
-        if (watched.HasEnded()) {
-            return;
+    try {
+        for (unsigned int left = StreamReader(stream).ReadUInt(); left > 0 && ReadItem(items, *stream); --left) {
         }
-        items.push_back(item.get());
-        static_cast<void>(item.release()); // only once the vector has it
+    } catch (const std::bad_alloc&) {
+        LOG_ERROR("read buffer error!");
     }
 }
 

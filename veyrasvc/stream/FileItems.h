@@ -1,8 +1,8 @@
 // Records about files, and lists of them, as bytes on a stream.
 //
 // Threads: an item belongs to one thread at a time, together with the stream; different items are independent.
-// Fails: nothing is raised and nothing is returned: what a stream lacks counts as zeros and is logged, as in
-// StreamReader. Only memory can run out and throw.
+// Fails: nothing is thrown and nothing is returned: what a stream lacks, or there is no memory for, counts as zeros and
+// is logged, as in StreamReader.
 #pragma once
 
 #include "veyrasvc/platform/Export.h"
@@ -60,10 +60,11 @@ public:
 };
 
 // Appends to `items` the SimpleFileItems of a list: a 4-byte big-endian count, then each. A stream that ends before the
-// announced number ends the list as well, after the last item that was there whole: a count that lies costs no more
-// than the items that came.
+// announced number ends the list as well: an item that breaks off is the last, with zeros for what is missing, and one
+// of which nothing arrived is not appended. So a count that lies costs no more than the items that came.
 // Owns: the caller gets the new items; each is to be deleted.
-// Fails: a stream that ends early logs "read buffer error!" once.
+// Fails: a stream that ends early logs "read buffer error!" for each missing field of the item that breaks off, and
+// once for what is missing after it. Without memory for another item the list ends with the same line.
 VEYRASVC_API void ReadItems(std::vector<BaseItem*>& items, Stream* stream);
 
 } // namespace Vantor::Sentrix

@@ -28,7 +28,8 @@ std::int64_t HandleStream::Seek(std::int64_t offset, int origin) {
 }
 
 void HandleStream::SetSize(const std::int64_t newSize) {
-    if (Seek(newSize, kFromStart) != newSize || SetEndOfFile(m_handle) == FALSE) {
+    // -1 would pass for the position that a failed seek returns.
+    if (newSize < 0 || Seek(newSize, kFromStart) != newSize || SetEndOfFile(m_handle) == FALSE) {
         LOG_ERROR("set stream size failed!");
     }
 }

@@ -15,6 +15,12 @@ constexpr DWORD kMd5Length = 16;
 constexpr std::int64_t kPieceBytes = 8192;
 constexpr char kHexDigits[] = "0123456789ABCDEF";
 
+// Whether opening it cannot wait, as it does for the other end of a named pipe. False also when there is no such file.
+bool IsNoDevice(const std::string& path) {
+    const DWORD attributes = GetFileAttributesA(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DEVICE) == 0;
+}
+
 std::string Hex(const std::string& bytes) {
     std::string digits;
     CryptMD5::BytesToHexString(bytes, digits);
@@ -147,12 +153,15 @@ std::string CryptMD5::GetStreamMd5(Stream& stream, std::int64_t length) {
 }
 
 std::string CryptMD5::GetFileMd5(const std::string& path) {
-    FileStream file(path, FileStream::kShareAll);
-    if (!file.IsValid()) {
-        LOG_DEBUG("getmd5 open faild error:" << path);
-        return {};
+    if (IsNoDevice(path)) {
+        FileStream file(path, FileStream::kShareAll);
+        const std::int64_t size = GetFileType(file.m_handle) == FILE_TYPE_DISK ? file.GetSize() : -1;
+        if (size >= 0) {
+            return GetStreamMd5(file, size);
+        }
     }
-    return GetStreamMd5(file, file.GetSize());
+    LOG_DEBUG("getmd5 open faild error:" << path);
+    return {};
 }
 
 std::string CryptMD5::GetFileMd5Hex(const std::string& path) {

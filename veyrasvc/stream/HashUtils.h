@@ -14,7 +14,8 @@
 //
 // Threads: an object belongs to one thread at a time; different objects are independent. The static helpers make an
 // object of their own at each call and may run on any number of threads at once.
-// Fails: with a line at DEBUG in the library's log and a digest that stays as it was, so hand in one of zeros.
+// Fails: with a line at DEBUG in the library's log and a digest that stays as it was, so hand in one of zeros. Only
+// without memory for the string that it returns, or for `out`, does an operation throw: std::bad_alloc.
 #pragma once
 
 #include "veyrasvc/platform/Export.h"
@@ -95,7 +96,8 @@ public:
 
     // Of the file as long as it is when it is opened. Others may read and write it meanwhile; an empty file has a
     // digest too. The path is in the form that the FileStream for narrow names takes.
-    // Fails: an empty string when it cannot be opened; logs "getmd5 open faild error:" and the path.
+    // Fails: an empty string when it cannot be opened, is no file on a disk (but a pipe, say), or has no size that the
+    // system knows; logs "getmd5 open faild error:" and the path.
     static std::string GetFileMd5(const std::string& path);
     static std::string GetFileMd5Hex(const std::string& path);
 

@@ -9,8 +9,9 @@
 //
 // Threads: a stream belongs to one thread at a time, together with its reader or writer; different streams are
 // independent. No class here starts threads or calls back.
-// Fails: with a count, a position or -1, and a line at ERROR in the library's log. The classes raise nothing of their
-// own; only the standard strings and containers that they fill can run out of memory and throw.
+// Fails: with a count, a position or -1, and a line at ERROR in the library's log. Without memory for what it should
+// hold or deliver an operation fails in the same way. Nothing throws, with exceptions that are named: ToString and
+// ToWString, and copying a caller's own strings into a call, can throw std::bad_alloc.
 // Owns: pointers and references are borrowed for the call, unless a declaration says otherwise.
 #pragma once
 
@@ -21,9 +22,14 @@
 #include <iosfwd>
 #include <map>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace Vantor::Sentrix {
+
+// Of the integer types of 64 bits, std::int64_t is `long` on some systems and `long long` on others. A template with
+// this condition, beside an operation that takes std::int64_t, takes the other one.
+template <class T> using If64Bits = std::enable_if_t<std::is_integral_v<T> && sizeof(T) == sizeof(std::int64_t)>;
 
 // An abstract stream of bytes with a position.
 // Lifetime: never destroyed through a pointer to Stream; whoever makes a stream knows its class.
@@ -49,6 +55,7 @@ public:
     // Changes the size. A stream that cannot does nothing.
     virtual void SetSize(const std::int64_t newSize);
     void SetSize(int newSize) { SetSize(static_cast<std::int64_t>(newSize)); }
+    template <class T, class = If64Bits<T>> void SetSize(T newSize) { SetSize(static_cast<std::int64_t>(newSize)); }
 
     // Read and Write for callers that expect all or trouble. A null buffer or a count of 0 does nothing.
     // Fails: logs "read buffer error!" or "write buffer error!"; bytes that did not arrive leave `buffer` as it was.
@@ -84,17 +91,20 @@ public:
     explicit HandleStream(HANDLE handle) : m_handle(handle) {}
 
     unsigned int Read(void* buffer, unsigned int count) override;
+
+    // A disk that becomes full, or a limit on the size, ends a write in between: the count and the position then tell
+    // what the file has.
     unsigned int Write(const void* buffer, unsigned int count) override;
     std::int64_t Seek(std::int64_t offset, int origin) override;
 
-    // Cuts or extends the file and leaves the position at its new end. Fails: logs "set stream size failed!".
+    // Cuts or extends the file and leaves the position at its new end.
+    // Fails: logs "set stream size failed!"; a negative size changes nothing at all.
     void SetSize(const std::int64_t newSize) override;
 
     // False when the handle is INVALID_HANDLE_VALUE. A null handle counts as valid; nothing can be read from it.
     virtual bool IsValid();
 
-protected:
-    HANDLE m_handle;
+    HANDLE m_handle; // INVALID_HANDLE_VALUE: no file
 };
 
 // A file, open from construction to destruction.
@@ -231,7 +241,8 @@ private:
 //   maps                    number of entries, then key and value of each, in ascending order of the keys
 //
 // Owns: not the stream, which must outlive the writer. Nothing is buffered.
-// Fails: a stream that takes less logs "write buffer error!".
+// Fails: a stream that takes less logs "write buffer error!", and so does a long wide string without memory for its
+// UTF-16 form, of which nothing is written.
 class VEYRASVC_API StreamWriter {
 public:
     explicit StreamWriter(Stream* stream) : m_stream(stream) {}
@@ -241,6 +252,7 @@ public:
     void Write(unsigned int value);
     void Write(std::int64_t value);
     void Write(std::uint64_t value);
+    template <class T, class = If64Bits<T>> void Write(T value) { Write(static_cast<std::uint64_t>(value)); }
     void Write(float value);
     void Write(const FILETIME& value);
     void Write(const std::string& value);
@@ -264,8 +276,10 @@ private:
 //
 // Owns: not the stream, which must outlive the reader. Nothing is read ahead.
 // Fails: no read reports an error. Bytes that the stream does not have are logged ("read buffer error!") and count as
-// zeros: a missing integer is 0, a missing string empty. A string that breaks off keeps its announced length with zeros
-// at the end, but at most 64 KiB of them: what follows costs no memory.
+// zeros: a missing integer is 0, a missing string empty. A string that breaks off is filled up with zeros to its
+// announced length or to the next multiple of 64 KiB, whichever is less: a length that lies costs at most twice the
+// memory of what arrived and of one such piece. A string that there is no memory for is logged in the same way and
+// empty, and the stream is behind it.
 class VEYRASVC_API StreamReader {
 public:
     explicit StreamReader(Stream* stream) : m_stream(stream) {}
@@ -284,7 +298,8 @@ public:
     std::wstring ReadWString();
 
     // Append to the container what the stream holds; in a map a later value replaces an earlier one. The read ends with
-    // the last announced element or where the stream does: an element of which nothing is left is not appended.
+    // the last announced element or where the stream does: an element of which nothing arrived is not appended, one
+    // that breaks off is. Without memory for an element the read ends before it.
     void Read(std::vector<int>& values);
     void Read(std::vector<unsigned int>& values);
     void Read(std::vector<std::string>& values);
@@ -308,7 +323,7 @@ private:
     Stream* m_stream;
 };
 
-// A container as the bytes that StreamWriter makes of it.
+// A container as the bytes that StreamWriter makes of it. Fails: without memory it logs and returns nothing.
 VEYRASVC_API std::string SerializeToString(const std::map<std::string, std::string>& values);
 VEYRASVC_API std::string SerializeToString(const std::map<std::wstring, std::wstring>& values);
 VEYRASVC_API std::string SerializeToString(const std::vector<std::string>& values);

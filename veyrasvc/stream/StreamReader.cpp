@@ -5,6 +5,7 @@
 #include "veyrasvc/util/LogStatement.h"
 
 #include <algorithm>
+#include <new>
 #include <typeinfo>
 #include <utility>
 
@@ -12,9 +13,43 @@ namespace Vantor::Sentrix {
 
 namespace {
 
-// A string is taken from a stream in pieces, the first of this size, so that a length that lies costs no more than what
-// really arrives, and this much for the zeros that stand for the rest.
-constexpr unsigned int kFirstPiece = 0x10000;
+// A string is taken from a stream in pieces of this size, so that a length that lies costs no more than what arrives
+// and one piece, whose rest stays zeros. Even, so that no UTF-16 unit lies in two.
+constexpr unsigned int kPieceBytes = 0x10000;
+constexpr unsigned int kSkippedBytes = 512;
+
+// Runs `fill`. What there is no memory for stays as it was, and a line in the log tells.
+template <class Fill> void WithinMemory(Fill fill) {
+    try {
+        fill();
+    } catch (const std::bad_alloc&) {
+        LOG_ERROR("read buffer error!");
+    }
+}
+
+void Skip(Stream& stream, unsigned int count) {
+    char bytes[kSkippedBytes];
+    while (count > 0) {
+        const unsigned int skipped = stream.Read(bytes, std::min(count, kSkippedBytes));
+        count = skipped == 0 ? 0 : count - skipped;
+    }
+}
+
+std::string Joined(std::vector<std::string>& pieces) {
+    if (pieces.size() == 1) {
+        return std::move(pieces.front());
+    }
+    std::size_t size = 0;
+    for (const std::string& piece : pieces) {
+        size += piece.size();
+    }
+    std::string bytes;
+    bytes.reserve(size);
+    for (const std::string& piece : pieces) {
+        bytes += piece;
+    }
+    return bytes;
+}
 
 std::wstring WideFromBytes(const char* bytes, std::size_t units) {
     return WideFromUtf16(units, [bytes](std::size_t i) {
@@ -52,22 +87,25 @@ unsigned int StreamReader::ReadCounted(void* buffer, unsigned int count) {
     return arrived;
 }
 
+// The stream is behind the bytes also when there is no memory for them.
 std::string StreamReader::ReadBytes(unsigned int count) {
     if (const char* bytes = TakeInPlace(count)) {
         return {bytes, count};
     }
-    std::string bytes;
-    for (unsigned int arrived = 0; arrived < count;) {
-        const unsigned int wanted = std::min(count - arrived, std::max(arrived, kFirstPiece));
-        bytes.resize(std::size_t{arrived} + wanted);
-        const unsigned int got = ReadCounted(bytes.data() + arrived, wanted);
-        arrived += got;
-        if (got != wanted) {
-            bytes.resize(std::min<std::size_t>(count, std::size_t{arrived} + kFirstPiece));
-            break;
+    std::vector<std::string> pieces;
+    unsigned int left = count;
+    try {
+        for (bool isWhole = true; left > 0 && isWhole;) {
+            const unsigned int wanted = std::min(left, kPieceBytes);
+            std::string& piece = pieces.emplace_back(wanted, '\0');
+            left -= wanted;
+            isWhole = ReadCounted(piece.data(), wanted) == wanted;
         }
+    } catch (const std::bad_alloc&) {
+        Skip(*m_stream, left);
+        throw;
     }
-    return bytes;
+    return Joined(pieces);
 }
 
 bool StreamReader::ReadValue(unsigned int& value) {
@@ -91,10 +129,9 @@ bool StreamReader::ReadValue(int& value) {
 bool StreamReader::ReadValue(std::string& value) {
     int length = 0;
     const bool arrived = ReadValue(length);
+    value.clear();
     if (length >= 1) {
-        value = ReadBytes(static_cast<unsigned int>(length));
-    } else {
-        value.clear();
+        WithinMemory([&] { value = ReadBytes(static_cast<unsigned int>(length)); });
     }
     return arrived;
 }
@@ -107,12 +144,14 @@ bool StreamReader::ReadValue(std::wstring& value) {
         LOG_ERROR("stream error");
     } else if (length >= 1) {
         const auto count = static_cast<unsigned int>(length);
-        if (const char* bytes = TakeInPlace(count)) {
-            value = WideFromBytes(bytes, count / 2);
-        } else {
-            const std::string copy = ReadBytes(count);
-            value = WideFromBytes(copy.data(), copy.size() / 2);
-        }
+        WithinMemory([&] {
+            if (const char* bytes = TakeInPlace(count)) {
+                value = WideFromBytes(bytes, count / 2);
+            } else {
+                const std::string copy = ReadBytes(count);
+                value = WideFromBytes(copy.data(), copy.size() / 2);
+            }
+        });
     }
     return arrived;
 }
@@ -158,19 +197,23 @@ std::wstring StreamReader::ReadWString() {
 
 // The announced number is only a promise: nothing is reserved for it, and the stream decides when it ends.
 template <class T> void StreamReader::ReadElements(std::vector<T>& values) {
-    T value{};
-    for (unsigned int left = ReadUInt(); left > 0 && ReadValue(value); --left) {
-        values.push_back(std::move(value));
-    }
+    WithinMemory([&] {
+        T value{};
+        for (unsigned int left = ReadUInt(); left > 0 && ReadValue(value); --left) {
+            values.push_back(std::move(value));
+        }
+    });
 }
 
 template <class T> void StreamReader::ReadEntries(std::map<T, T>& values) {
-    T key;
-    T value;
-    for (unsigned int left = ReadUInt(); left > 0 && ReadValue(key); --left) {
-        ReadValue(value);
-        values.insert_or_assign(std::move(key), std::move(value));
-    }
+    WithinMemory([&] {
+        T key;
+        T value;
+        for (unsigned int left = ReadUInt(); left > 0 && ReadValue(key); --left) {
+            ReadValue(value);
+            values.insert_or_assign(std::move(key), std::move(value));
+        }
+    });
 }
 
 void StreamReader::Read(std::vector<int>& values) {

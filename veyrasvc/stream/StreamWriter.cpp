@@ -2,14 +2,18 @@
 #include "veyrasvc/stream/StringStream.h"
 #include "veyrasvc/stream/Utf16.h"
 #include "veyrasvc/util/ByteOrder.h"
+#include "veyrasvc/util/LogStatement.h"
 
 #include <charconv>
+#include <memory>
+#include <new>
 
 namespace Vantor::Sentrix {
 
 namespace {
 
 constexpr std::size_t kTooManyUnits = 0x40000000;
+constexpr std::size_t kShortText = 256;   // bytes that need no allocation
 constexpr std::size_t kLongestFloat = 64; // 39 digits of the largest, point, six decimals, sign
 constexpr int kFloatDecimals = 6;
 
@@ -33,10 +37,15 @@ template <class T> void WriteEntries(StreamWriter& writer, const std::map<T, T>&
 }
 
 template <class Container> std::string Serialized(const Container& values) {
-    std::string bytes;
-    StringStream stream(bytes);
-    StreamWriter(&stream).Write(values);
-    return bytes;
+    try {
+        std::string bytes;
+        StringStream stream(bytes);
+        StreamWriter(&stream).Write(values);
+        return bytes;
+    } catch (const std::bad_alloc&) {
+        LOG_ERROR("write buffer error!");
+        return {};
+    }
 }
 
 } // namespace
@@ -69,7 +78,9 @@ void StreamWriter::Write(float value) {
     char text[kLongestFloat];
     const auto end =
         std::to_chars(text, text + sizeof text, static_cast<double>(value), std::chars_format::fixed, kFloatDecimals);
-    Write(std::string(text, end.ptr));
+    const auto length = static_cast<unsigned int>(end.ptr - text);
+    Write(length);
+    m_stream->WriteBuffer(text, length);
 }
 
 void StreamWriter::Write(const FILETIME& value) {
@@ -83,18 +94,25 @@ void StreamWriter::Write(const std::string& value) {
 }
 
 void StreamWriter::Write(const std::wstring& value) {
-    if (value.size() >= kTooManyUnits) {
+    std::size_t units = 0;
+    ForEachUtf16Unit(value, [&units](char16_t /*unit*/) { ++units; });
+    if (units >= kTooManyUnits) {
         return;
     }
-    std::string bytes;
-    bytes.reserve(value.size() * sizeof(char16_t));
-    ForEachUtf16Unit(value, [&bytes](char16_t unit) {
-        bytes.push_back(static_cast<char>(unit >> 8));
-        bytes.push_back(static_cast<char>(unit & 0xFF));
-    });
-    if (bytes.size() / sizeof(char16_t) < kTooManyUnits) {
-        Write(bytes);
+    const auto length = static_cast<unsigned int>(units * sizeof(char16_t));
+    char shortText[kShortText];
+    const std::unique_ptr<char[]> longText(length > kShortText ? new (std::nothrow) char[length] : nullptr);
+    char* const bytes = longText ? longText.get() : shortText;
+    if (length > kShortText && !longText) {
+        LOG_ERROR("write buffer error!");
+        return;
     }
+    ForEachUtf16Unit(value, [next = bytes](char16_t unit) mutable {
+        *next++ = static_cast<char>(unit >> 8);
+        *next++ = static_cast<char>(unit & 0xFF);
+    });
+    Write(length);
+    m_stream->WriteBuffer(bytes, length);
 }
 
 void StreamWriter::Write(const std::vector<int>& values) {

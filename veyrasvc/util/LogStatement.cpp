@@ -29,16 +29,17 @@ std::ostringstream ComposeLogText() {
     return text;
 }
 
-void EmitLog(LogLevel level, const std::ostringstream& text, const char* file, int line, const char* function) {
+void EmitLog(LogLevel level, const std::ostringstream& text, const CallSite& where, bool isRoutine) {
     const LogPass pass;
     if (!pass.Open()) {
         return;
     }
+    const RoutineMark mark(isRoutine);
     const std::string narrow = text.str();
     log4cplus::tostringstream& message = log4cplus::detail::get_macro_body_oss();
     message << log4cplus::tstring(narrow.begin(), narrow.end());
-    log4cplus::detail::macro_forced_log(GetLogger(), static_cast<log4cplus::LogLevel>(level), message.str(), file, line,
-                                        function);
+    log4cplus::detail::macro_forced_log(GetLogger(), static_cast<log4cplus::LogLevel>(level), message.str(), where.file,
+                                        where.line, where.function);
 }
 
 } // namespace Vantor::Sentrix

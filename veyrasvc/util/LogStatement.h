@@ -29,35 +29,38 @@ bool IsLogEnabled(LogLevel level) noexcept;
 // A stream in the notation of the log.
 std::ostringstream ComposeLogText();
 
-// Hands a composed text to the shared logger.
-void EmitLog(LogLevel level, const std::ostringstream& text, const char* file, int line, const char* function);
+// Hands a composed text to the shared logger. `isRoutine`: what a healthy bus says, which the default output leaves
+// out.
+void EmitLog(LogLevel level, const std::ostringstream& text, const CallSite& where, bool isRoutine);
 
 } // namespace Vantor::Sentrix
 
-#define SENTRIX_LOG_FROM(level, file, line, function, expression)                                                      \
+#define SENTRIX_LOG_AT(level, where, isRoutine, expression)                                                            \
     do {                                                                                                               \
         if (::Vantor::Sentrix::IsLogEnabled(level)) {                                                                  \
             try {                                                                                                      \
                 std::ostringstream sentrixLogText = ::Vantor::Sentrix::ComposeLogText();                               \
                 sentrixLogText << expression; /* NOLINT(bugprone-macro-parentheses): a chain of << */                  \
-                ::Vantor::Sentrix::EmitLog(level, sentrixLogText, file, line, function);                               \
+                ::Vantor::Sentrix::EmitLog(level, sentrixLogText, where, isRoutine);                                   \
             } catch (...) { /* NOLINT(bugprone-empty-catch) */                                                         \
             }                                                                                                          \
         }                                                                                                              \
     } while (false)
 
-#define SENTRIX_LOG(level, expression)                                                                                 \
-    SENTRIX_LOG_FROM(level, __FILE__, __LINE__, VEYRASVC_FUNCTION_SIGNATURE, expression)
+#define SENTRIX_HERE (::Vantor::Sentrix::CallSite{__FILE__, __LINE__, VEYRASVC_FUNCTION_SIGNATURE})
 
-#define LOG_DEBUG(expression) SENTRIX_LOG(::Vantor::Sentrix::LogLevel::Debug, expression)
-#define LOG_INFO(expression) SENTRIX_LOG(::Vantor::Sentrix::LogLevel::Info, expression)
-#define LOG_WARN(expression) SENTRIX_LOG(::Vantor::Sentrix::LogLevel::Warn, expression)
-#define LOG_ERROR(expression) SENTRIX_LOG(::Vantor::Sentrix::LogLevel::Error, expression)
+#define LOG_DEBUG(expression) LOG_DEBUG_AT(SENTRIX_HERE, expression)
+#define LOG_INFO(expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Info, SENTRIX_HERE, false, expression)
+#define LOG_WARN(expression) LOG_WARN_AT(SENTRIX_HERE, expression)
+#define LOG_ERROR(expression) LOG_ERROR_AT(SENTRIX_HERE, expression)
+
+// Lines of a bus on which nothing is wrong, although their level says otherwise. The records are like any other; the
+// default output alone leaves them out.
+#define LOG_WARN_ROUTINE_IF(isRoutine, expression)                                                                     \
+    SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Warn, SENTRIX_HERE, isRoutine, expression)
+#define LOG_ERROR_ROUTINE(expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Error, SENTRIX_HERE, true, expression)
 
 // In a helper, with the SENTRIX_HERE of the operation that it serves.
-#define SENTRIX_HERE (::Vantor::Sentrix::CallSite{__FILE__, __LINE__, VEYRASVC_FUNCTION_SIGNATURE})
-#define SENTRIX_LOG_AT(level, where, expression)                                                                       \
-    SENTRIX_LOG_FROM(level, (where).file, (where).line, (where).function, expression)
-#define LOG_DEBUG_AT(where, expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Debug, where, expression)
-#define LOG_WARN_AT(where, expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Warn, where, expression)
-#define LOG_ERROR_AT(where, expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Error, where, expression)
+#define LOG_DEBUG_AT(where, expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Debug, where, false, expression)
+#define LOG_WARN_AT(where, expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Warn, where, false, expression)
+#define LOG_ERROR_AT(where, expression) SENTRIX_LOG_AT(::Vantor::Sentrix::LogLevel::Error, where, false, expression)

@@ -65,11 +65,11 @@ void RunCaller(const Settings& settings) {
             measureFrom + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))};
 
     std::vector<Latencies> latencies(settings.Get<std::size_t>("outstanding"));
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads; // joined even when there is no thread for the last of them
     for (std::size_t i = 0; i < latencies.size(); ++i) {
         threads.emplace_back([&, i] { Call(run, static_cast<int>(i), latencies[i]); });
     }
-    for (std::thread& thread : threads) {
+    for (std::jthread& thread : threads) {
         thread.join();
     }
     const std::chrono::duration<double> measured = Clock::now() - run.measureFrom;

@@ -13,7 +13,7 @@
 namespace Vantor::Sentrix::Tool {
 
 void SayReady(IPCMessageClient& client, std::uint32_t moduleId) {
-    if (Support::StatusQuery(client).Ask(moduleId, std::chrono::seconds(20)) != Support::ModuleStatus::Online) {
+    if (Support::StatusQuery(client).Await(moduleId, std::chrono::seconds(20)) != Support::ModuleStatus::Online) {
         throw BenchFailure("a worker found no bus");
     }
     Support::WriteOutput(std::string(kReadyLine) + '\n');

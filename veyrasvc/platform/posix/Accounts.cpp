@@ -31,7 +31,7 @@ BOOL OpenProcessToken(HANDLE process, DWORD access, HANDLE* token) {
     if (process != GetCurrentProcess() || access != TOKEN_QUERY || token == nullptr) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
-    *token = AddHandle(std::make_shared<Token>());
+    *token = AddHandle(MakeObject<Token>());
     return *token != nullptr ? TRUE : FALSE;
 }
 

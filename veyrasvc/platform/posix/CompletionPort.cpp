@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <climits>
 
 namespace Vantor::Sentrix::Platform {
@@ -18,19 +19,35 @@ CompletionPort::CompletionPort()
     event.events = EPOLLIN;
     event.data.u64 = 0;
     if (epoll_ctl(m_epoll.Get(), EPOLL_CTL_ADD, m_wakeup.Get(), &event) != 0) {
-        m_epoll.Reset(); // Watch refuses everything from now on
+        const int error = errno;
+        m_epoll.Reset();
+        errno = error == EBADF ? EMFILE : error; // one of the two could not be had
     }
+}
+
+bool CompletionPort::Reserve() {
+    if (m_reserved.fetch_add(1, std::memory_order_relaxed) < m_places.load(std::memory_order_acquire)) {
+        return true;
+    }
+    const std::lock_guard guard(m_mutex);
+    if (!m_completions.Reserve(m_reserved.load(std::memory_order_relaxed))) {
+        Unreserve();
+        return false;
+    }
+    m_places.store(m_completions.Capacity(), std::memory_order_release);
+    return true;
 }
 
 void CompletionPort::Queue(const Completion& completion) {
     const std::lock_guard guard(m_mutex);
-    m_completions.push_back(completion);
+    m_completions.PushBack(completion);
     WakeOne();
 }
 
 void CompletionPort::MarkDirty(const std::shared_ptr<PortSource>& source, std::size_t bytes) {
     const std::lock_guard guard(m_mutex);
-    m_dirty.push_back(source);
+    (m_firstDirty ? m_lastDirty->m_nextDirty : m_firstDirty) = source;
+    m_lastDirty = source.get();
     m_dirtyBytes += bytes;
     WakeOne();
 }
@@ -58,18 +75,19 @@ std::uint64_t CompletionPort::Watch(int descriptor, std::uint32_t events, const 
     epoll_event event{};
     event.events = events;
     event.data.u64 = m_nextId;
-    if (epoll_ctl(m_epoll.Get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
+    const bool isKnown = IfMemoryLasts(false, [&] { return m_watched.emplace(m_nextId, source).second; });
+    if (!isKnown || epoll_ctl(m_epoll.Get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
+        m_watched.erase(m_nextId);
         return 0;
     }
-    m_watched.emplace(m_nextId, source);
     return m_nextId++;
 }
 
-void CompletionPort::Rewatch(int descriptor, std::uint32_t events, std::uint64_t id) const {
+bool CompletionPort::Rewatch(int descriptor, std::uint32_t events, std::uint64_t id) const {
     epoll_event event{};
     event.events = events;
     event.data.u64 = id;
-    epoll_ctl(m_epoll.Get(), EPOLL_CTL_MOD, descriptor, &event);
+    return epoll_ctl(m_epoll.Get(), EPOLL_CTL_MOD, descriptor, &event) == 0;
 }
 
 void CompletionPort::Unwatch(int descriptor, std::uint64_t id) {
@@ -83,32 +101,34 @@ void CompletionPort::Unwatch(int descriptor, std::uint64_t id) {
 }
 
 void CompletionPort::OnClose() {
-    decltype(m_watched) watched; // destroyed after the mutex is free
-    decltype(m_dirty) dirty;
-    const std::lock_guard guard(m_mutex);
-    watched.swap(m_watched);
-    dirty.swap(m_dirty);
-    m_closed = true;
-    WakeOne(); // and everyone else: the wake-up is not drained any more
+    decltype(m_watched) watched; // these are released when the mutex is free
+    std::shared_ptr<PortSource> dirty;
+    {
+        const std::lock_guard guard(m_mutex);
+        watched.swap(m_watched);
+        dirty = std::move(m_firstDirty);
+        m_closed = true;
+        WakeOne(); // and everyone else: the wake-up is not drained any more
+    }
+    while (dirty) {
+        dirty = std::move(dirty->m_nextDirty);
+    }
 }
 
 bool CompletionPort::ServiceIsDue() const {
-    return m_completions.empty() || m_handedOut >= kServiceInterval || m_dirtyBytes >= kServiceBytes;
+    return m_completions.Empty() || m_handedOut >= kServiceInterval || m_dirtyBytes >= kServiceBytes;
 }
 
 void CompletionPort::ServiceDirty(std::unique_lock<std::mutex>& guard) {
-    std::vector<std::shared_ptr<PortSource>> dirty;
-    dirty.swap(m_dirty);
+    std::shared_ptr<PortSource> source = std::move(m_firstDirty);
     m_dirtyBytes = 0;
     guard.unlock();
-    for (const auto& source : dirty) {
+    while (source) {
+        const auto next = std::move(source->m_nextDirty); // first: once it is served it may be marked again
         source->Service();
+        source = next;
     }
-    dirty.clear();
     guard.lock();
-    if (m_dirty.empty()) {
-        m_dirty.swap(dirty); // keeps the allocation
-    }
 }
 
 bool CompletionPort::Poll(std::unique_lock<std::mutex>& guard, std::int64_t timeoutMs) {
@@ -154,7 +174,7 @@ BOOL CompletionPort::Get(DWORD* transferred, ULONG_PTR* key, OVERLAPPED** overla
         if (ServiceIsDue()) {
             m_handedOut = 0;
             ServiceDirty(guard);
-            const bool idle = m_completions.empty() && m_dirty.empty();
+            const bool idle = m_completions.Empty() && !m_firstDirty;
             if (idle && timedOut) {
                 return Fail(WAIT_TIMEOUT);
             }
@@ -163,14 +183,14 @@ BOOL CompletionPort::Get(DWORD* transferred, ULONG_PTR* key, OVERLAPPED** overla
                 timedOut = !Poll(guard, limit) && idle && deadline.Passed();
             }
         }
-        if (!m_completions.empty() && !m_closed) {
+        if (!m_completions.Empty() && !m_closed) {
             break;
         }
     }
-    const Completion next = m_completions.front();
-    m_completions.pop_front();
+    const Completion next = m_completions.PopFront();
+    Unreserve();
     ++m_handedOut;
-    if (!m_completions.empty()) {
+    if (!m_completions.Empty()) {
         WakeOne(); // other threads may have slept since these were queued
     }
     *transferred = next.transferred;
@@ -185,7 +205,12 @@ HANDLE CreateIoCompletionPort(HANDLE file, HANDLE existingPort, ULONG_PTR key, D
             SetLastError(ERROR_INVALID_PARAMETER);
             return nullptr;
         }
-        return AddHandle(std::make_shared<CompletionPort>());
+        auto port = MakeObject<CompletionPort>();
+        if (port && !port->Valid()) {
+            SetLastError(ErrorFromErrno(errno));
+            return nullptr;
+        }
+        return AddHandle(std::move(port));
     }
     const auto port = Find<CompletionPort>(existingPort);
     const auto pipe = port ? Find<Pipe>(file) : nullptr;
@@ -203,6 +228,9 @@ BOOL PostQueuedCompletionStatus(HANDLE handle, DWORD transferred, ULONG_PTR key,
     const auto port = Find<CompletionPort>(handle);
     if (!port) {
         return FALSE;
+    }
+    if (!port->Reserve()) {
+        return Fail(ERROR_NOT_ENOUGH_MEMORY);
     }
     port->Queue({transferred, key, overlapped, ERROR_SUCCESS});
     return TRUE;

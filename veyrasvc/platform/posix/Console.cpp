@@ -1,5 +1,6 @@
 // What a console tells its programs: the wish that they end, and which characters it reads.
 #include "veyrasvc/platform/posix/Handle.h"
+#include "veyrasvc/platform/posix/StartThread.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,8 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <mutex>
-#include <system_error>
-#include <thread>
+#include <utility>
 
 namespace Vantor::Sentrix::Platform {
 
@@ -39,7 +39,8 @@ DWORD EventOf(int number) {
     return CTRL_C_EVENT;
 }
 
-void PassOn(PHANDLER_ROUTINE routine) {
+void* PassOn(void* parameter) {
+    const auto routine = reinterpret_cast<PHANDLER_ROUTINE>(parameter);
     char number = 0;
     for (;;) {
         if (read(wishes[0], &number, 1) != 1) {
@@ -65,9 +66,10 @@ BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE routine, BOOL add) {
         return Fail(ErrorFromErrno(errno));
     }
     fcntl(wishes[1], F_SETFL, O_NONBLOCK);
-    try {
-        std::thread(PassOn, routine).detach();
-    } catch (const std::system_error&) {
+    if (!StartThread(&PassOn, reinterpret_cast<void*>(routine))) {
+        for (int& end : wishes) {
+            close(std::exchange(end, -1));
+        }
         return Fail(ERROR_NOT_ENOUGH_MEMORY);
     }
     struct sigaction action {};

@@ -107,13 +107,13 @@ bool Arguments(LPCWSTR application, LPCWSTR commandLine, std::vector<std::string
 // Handles for a child that runs already. A child that cannot be watched is not let loose.
 BOOL Adopt(pid_t child, PROCESS_INFORMATION& information) {
     UniqueFd descriptor(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-    if (!descriptor.Valid()) {
-        const int error = errno;
+    const DWORD error = descriptor.Valid() ? DWORD{ERROR_NOT_ENOUGH_MEMORY} : ErrorFromErrno(errno);
+    const auto process = descriptor.Valid() ? MakeObject<Process>(child, std::move(descriptor)) : nullptr;
+    if (!process) {
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
-        return Fail(ErrorFromErrno(error));
+        return Fail(error);
     }
-    const auto process = std::make_shared<Process>(child, std::move(descriptor));
     const HANDLE forProcess = AddHandle(process);
     const HANDLE forThread = forProcess == nullptr ? nullptr : AddHandle(process);
     if (forThread == nullptr) {
@@ -138,19 +138,18 @@ BOOL CreateProcessW(LPCWSTR application, LPWSTR commandLine, SECURITY_ATTRIBUTES
     if (!isSupported || ((startup->dwFlags & STARTF_USESTDHANDLES) != 0 && inheritHandles == FALSE)) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
-    std::vector<std::string> arguments;
-    std::string program;
-    if (!Arguments(application, commandLine, arguments) ||
-        (application != nullptr && !WideToUtf8(application, program))) {
-        return FALSE;
-    }
-    SpawnPlan plan;
-    if (!SetStreams(plan, *startup)) {
-        return FALSE;
-    }
-    const bool searchPath = application == nullptr;
-    const pid_t child = plan.Spawn(searchPath ? arguments[0] : program, searchPath, arguments);
-    return child < 0 ? FALSE : Adopt(child, *information);
+    return IfMemoryLasts(FALSE, [&] {
+        std::vector<std::string> arguments;
+        std::string program;
+        SpawnPlan plan;
+        if (!Arguments(application, commandLine, arguments) ||
+            (application != nullptr && !WideToUtf8(application, program)) || !SetStreams(plan, *startup)) {
+            return FALSE;
+        }
+        const bool searchPath = application == nullptr;
+        const pid_t child = plan.Spawn(searchPath ? arguments[0] : program, searchPath, arguments);
+        return child < 0 ? FALSE : Adopt(child, *information);
+    });
 }
 
 } // namespace Vantor::Sentrix::Platform

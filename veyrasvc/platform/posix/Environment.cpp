@@ -31,7 +31,9 @@ BOOL SetEnvironmentVariableW(LPCWSTR name, LPCWSTR value) {
     if (name == nullptr) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
-    if (!WideToUtf8(name, narrowName) || (value != nullptr && !WideToUtf8(value, narrowValue))) {
+    const bool isText = IfMemoryLasts(
+        false, [&] { return WideToUtf8(name, narrowName) && (value == nullptr || WideToUtf8(value, narrowValue)); });
+    if (!isText) {
         return FALSE;
     }
     const std::lock_guard guard(EnvironmentMutex());

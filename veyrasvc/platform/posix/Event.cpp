@@ -33,7 +33,7 @@ HANDLE CreateEventW(SECURITY_ATTRIBUTES* /*attributes*/, BOOL manualReset, BOOL 
         SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    return AddHandle(std::make_shared<Event>(manualReset != FALSE, initialState != FALSE));
+    return AddHandle(MakeObject<Event>(manualReset != FALSE, initialState != FALSE));
 }
 
 BOOL SetEvent(HANDLE handle) {

@@ -87,6 +87,14 @@ File::~File() {
     }
 }
 
+HANDLE AddFile(int descriptor, DWORD access, bool inheritable) {
+    auto file = MakeObject<File>(descriptor, access, inheritable);
+    if (!file) {
+        close(descriptor);
+    }
+    return AddHandle(std::move(file));
+}
+
 // Reports the outcome of a transfer where the caller looks for it.
 BOOL File::Deliver(long result, bool endIsError, DWORD* transferred, OVERLAPPED* overlapped) {
     DWORD error = result < 0 ? ErrorFromErrno(errno) : NO_ERROR;
@@ -136,11 +144,17 @@ BOOL File::Write(const void* buffer, DWORD count, DWORD* transferred, OVERLAPPED
             MoveAll(count, true, [&](DWORD done) { return write(m_descriptor, bytes + done, count - done); }), false,
             transferred, overlapped);
     }
+    DWORD written = 0;
     const long result = MoveAll(count, true, [&](DWORD done) {
+        written = done;
         return overlapped != nullptr ? pwrite(m_descriptor, bytes + done, count - done, OffsetOf(*overlapped) + done)
                                      : write(m_descriptor, bytes + done, count - done);
     });
-    return Deliver(result, false, transferred, overlapped);
+    const BOOL isDone = Deliver(result, false, transferred, overlapped);
+    if (isDone == FALSE && transferred != nullptr) {
+        *transferred = written; // the file has these, and its position is behind them
+    }
+    return isDone;
 }
 
 BOOL File::Seek(LONGLONG distance, LARGE_INTEGER* newPosition, DWORD method) {
@@ -218,6 +232,18 @@ BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* newPos
 BOOL SetEndOfFile(HANDLE file) {
     const auto object = Find<File>(file);
     return object ? object->Truncate() : FALSE;
+}
+
+DWORD GetFileAttributesA(LPCSTR name) {
+    struct stat status {};
+    if (name == nullptr || stat(name, &status) != 0) {
+        SetLastError(name == nullptr ? ERROR_INVALID_PARAMETER : ErrorFromErrno(errno));
+        return INVALID_FILE_ATTRIBUTES;
+    }
+    if (S_ISDIR(status.st_mode)) {
+        return FILE_ATTRIBUTE_DIRECTORY;
+    }
+    return S_ISREG(status.st_mode) || S_ISBLK(status.st_mode) ? FILE_ATTRIBUTE_NORMAL : FILE_ATTRIBUTE_DEVICE;
 }
 
 DWORD GetFileType(HANDLE file) {

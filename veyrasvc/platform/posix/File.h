@@ -38,4 +38,7 @@ private:
     std::atomic<bool> m_inheritable;
 };
 
+// Owns: the descriptor, also when it fails. Fails: null with the last error set.
+HANDLE AddFile(int descriptor, DWORD access, bool inheritable);
+
 } // namespace Vantor::Sentrix::Platform

@@ -4,8 +4,8 @@
 #include <atomic>
 #include <cerrno>
 #include <mutex>
+#include <new>
 #include <utility>
-#include <vector>
 
 namespace Vantor::Sentrix::Platform {
 
@@ -33,14 +33,15 @@ struct Slot {
     SpinLock lock;
     std::uint32_t generation = 1;   // guarded by lock
     std::shared_ptr<Object> object; // guarded by lock; null when the slot is free
+    std::uint32_t nextFree = 0;     // guarded by the table's mutex
 };
 
 class HandleTable {
 public:
     HANDLE Add(std::shared_ptr<Object> object) {
-        std::uint32_t index = 0;
-        if (!TakeFreeIndex(index)) {
-            SetLastError(ERROR_TOO_MANY_OPEN_FILES);
+        std::uint32_t index = kNoIndex;
+        if (const DWORD error = TakeFreeIndex(index); error != NO_ERROR) {
+            SetLastError(error);
             return nullptr;
         }
         Slot& slot = *Locate(index);
@@ -73,13 +74,14 @@ public:
             ++slot->generation;
         }
         const std::lock_guard guard(m_mutex);
-        m_free.push_back(IndexOf(handle));
+        slot->nextFree = std::exchange(m_free, IndexOf(handle));
         return removed;
     }
 
 private:
     static constexpr std::uint32_t kChunkSlots = 256;
     static constexpr std::uint32_t kChunks = 256;
+    static constexpr std::uint32_t kNoIndex = 0xFFFFFFFF;
 
     // Like the system's, a handle is a small number and a multiple of four; slot 0 is not the null handle.
     static HANDLE Encode(std::uint32_t index, std::uint32_t generation) {
@@ -101,34 +103,39 @@ private:
         return chunk == nullptr ? nullptr : &(*chunk)[index % kChunkSlots];
     }
 
-    bool TakeFreeIndex(std::uint32_t& index) {
+    DWORD TakeFreeIndex(std::uint32_t& index) {
         const std::lock_guard guard(m_mutex);
-        if (!m_free.empty()) {
-            index = m_free.back();
-            m_free.pop_back();
-            return true;
+        if (m_free != kNoIndex) {
+            index = m_free;
+            m_free = Locate(index)->nextFree;
+            return NO_ERROR;
         }
         if (m_used == kChunkSlots * kChunks) {
-            return false;
+            return ERROR_TOO_MANY_OPEN_FILES;
+        }
+        auto& chunk = m_chunks[m_used / kChunkSlots];
+        if (chunk.load(std::memory_order_relaxed) == nullptr) {
+            auto* const made = new (std::nothrow) Chunk;
+            if (made == nullptr) {
+                return ERROR_NOT_ENOUGH_MEMORY;
+            }
+            chunk.store(made, std::memory_order_release);
         }
         index = m_used++;
-        auto& chunk = m_chunks[index / kChunkSlots];
-        if (chunk.load(std::memory_order_relaxed) == nullptr) {
-            chunk.store(new Chunk, std::memory_order_release);
-        }
-        return true;
+        return NO_ERROR;
     }
 
     using Chunk = std::array<Slot, kChunkSlots>;
     std::array<std::atomic<Chunk*>, kChunks> m_chunks{};
     std::mutex m_mutex;
-    std::vector<std::uint32_t> m_free; // guarded by m_mutex
-    std::uint32_t m_used = 0;          // guarded by m_mutex
+    std::uint32_t m_free = kNoIndex; // guarded by m_mutex; the head of a list through the slots
+    std::uint32_t m_used = 0;        // guarded by m_mutex
 };
 
 // Never destroyed: threads may still use handles while the process exits.
 HandleTable& Table() {
-    static auto* const table = new HandleTable;
+    alignas(HandleTable) static unsigned char memory[sizeof(HandleTable)];
+    static HandleTable* const table = ::new (static_cast<void*>(memory)) HandleTable;
     return *table;
 }
 
@@ -143,7 +150,7 @@ void SetLastError(DWORD error) {
 }
 
 HANDLE AddHandle(std::shared_ptr<Object> object) {
-    return Table().Add(std::move(object));
+    return object ? Table().Add(std::move(object)) : nullptr;
 }
 
 std::shared_ptr<Object> FindObject(HANDLE handle) {

@@ -8,6 +8,8 @@
 #include "veyrasvc/platform/posix/Win32Subset.h"
 
 #include <memory>
+#include <new>
+#include <utility>
 
 namespace Vantor::Sentrix::Platform {
 
@@ -24,8 +26,24 @@ protected:
     Object& operator=(const Object&) = delete;
 };
 
-// Fails: null with ERROR_TOO_MANY_OPEN_FILES when the table is full.
+// Fails: null with ERROR_TOO_MANY_OPEN_FILES when the table is full, or ERROR_NOT_ENOUGH_MEMORY. Null stays null.
 HANDLE AddHandle(std::shared_ptr<Object> object);
+
+// Calls `body`, for which memory may run short: `failure` with ERROR_NOT_ENOUGH_MEMORY then.
+template <class Result, class Body> Result IfMemoryLasts(Result failure, Body&& body) {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return failure;
+    }
+}
+
+// Null with ERROR_NOT_ENOUGH_MEMORY when memory is short.
+template <class T, class... Arguments> std::shared_ptr<T> MakeObject(Arguments&&... arguments) {
+    return IfMemoryLasts(std::shared_ptr<T>(),
+                         [&] { return std::make_shared<T>(std::forward<Arguments>(arguments)...); });
+}
 
 // Null when the handle names nothing. Leaves the last error alone.
 std::shared_ptr<Object> FindObject(HANDLE handle);

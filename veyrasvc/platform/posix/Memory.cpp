@@ -81,9 +81,15 @@ void* Map(SIZE_T bytes, bool commits) {
         return FailToAllocate(ERROR_NOT_ENOUGH_MEMORY);
     }
     madvise(block, bytes, MADV_HUGEPAGE);
-    Mappings& mappings = TheMappings();
-    const std::lock_guard guard(mappings.mutex);
-    mappings.lengths.emplace(static_cast<char*>(block), bytes);
+    const bool isKept = IfMemoryLasts(false, [&] {
+        Mappings& mappings = TheMappings();
+        const std::lock_guard guard(mappings.mutex);
+        return mappings.lengths.emplace(static_cast<char*>(block), bytes).second;
+    });
+    if (!isKept) {
+        munmap(block, bytes);
+        return FailToAllocate(ERROR_NOT_ENOUGH_MEMORY);
+    }
     return block;
 }
 

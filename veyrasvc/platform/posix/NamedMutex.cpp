@@ -82,10 +82,11 @@ public:
         if (m_owner.load(std::memory_order_relaxed) != ThisThread()) {
             return Fail(ERROR_NOT_OWNER);
         }
-        std::unique_ptr<std::shared_ptr<Mutex>> pin; // goes last: the mutex has to outlive its release
+        std::shared_ptr<Mutex> pin; // goes last: the mutex has to outlive its release
         if (m_depth.fetch_sub(1, std::memory_order_relaxed) == 1) {
             m_owner.store(0, std::memory_order_relaxed);
-            pin.reset(m_pin.exchange(nullptr, std::memory_order_acq_rel));
+            pin = std::move(m_pin);
+            m_pinned.store(false, std::memory_order_release);
         }
         pthread_mutex_unlock(m_mutex);
         return TRUE;
@@ -113,8 +114,9 @@ private:
         }
         m_owner.store(ThisThread(), std::memory_order_relaxed);
         m_depth.store(1, std::memory_order_relaxed);
-        if (m_pin.load(std::memory_order_acquire) == nullptr) { // an owner that ended left its own
-            m_pin.store(new std::shared_ptr<Mutex>(shared_from_this()), std::memory_order_release);
+        if (!m_pinned.load(std::memory_order_acquire)) { // an owner that ended left its own
+            m_pin = shared_from_this();
+            m_pinned.store(true, std::memory_order_release);
         }
     }
 
@@ -126,7 +128,8 @@ private:
     // Changed by the owner only. Atomic because an owner that ends hands them on without unlocking.
     std::atomic<std::uint64_t> m_owner{0}; // stale once the owner has ended
     std::atomic<unsigned> m_depth{0};
-    std::atomic<std::shared_ptr<Mutex>*> m_pin{nullptr}; // the owner's reference
+    std::atomic<bool> m_pinned{false};
+    std::shared_ptr<Mutex> m_pin; // the owner's reference, while m_pinned
 };
 
 // The mutexes of this process.
@@ -218,7 +221,9 @@ HANDLE OpenNamed(LPCWSTR name, MutexFile::Mode mode, bool& created) {
 HANDLE CreateMutexW(SECURITY_ATTRIBUTES* /*attributes*/, BOOL initialOwner, LPCWSTR name) {
     bool created = true;
     const bool named = name != nullptr && *name != L'\0';
-    const HANDLE handle = named ? OpenNamed(name, MutexFile::Mode::kCreateOrOpen, created) : Mutexes().AddUnnamed();
+    const HANDLE handle = IfMemoryLasts(HANDLE{}, [&] {
+        return named ? OpenNamed(name, MutexFile::Mode::kCreateOrOpen, created) : Mutexes().AddUnnamed();
+    });
     if (handle == nullptr) {
         return nullptr;
     }
@@ -235,7 +240,7 @@ HANDLE OpenMutexW(DWORD /*access*/, BOOL /*inheritHandle*/, LPCWSTR name) {
         return nullptr;
     }
     bool created = false;
-    return OpenNamed(name, MutexFile::Mode::kOpenOnly, created);
+    return IfMemoryLasts(HANDLE{}, [&] { return OpenNamed(name, MutexFile::Mode::kOpenOnly, created); });
 }
 
 BOOL ReleaseMutex(HANDLE handle) {

@@ -41,10 +41,19 @@ Pipe::Pipe(std::shared_ptr<PipeListener> listener, bool admitsEveryone)
 
 // ---- Starting and finishing operations -----------------------------------------------------------------------------
 
+// For one more operation, and for one that is being sent and comes back if the socket does not take all of it.
+bool Pipe::MakeRoom(Ring<Operation>& operations) {
+    return operations.Reserve(operations.Size() + 2) || Fail(ERROR_NOT_ENOUGH_MEMORY) != FALSE;
+}
+
 bool Pipe::Begin(Operation& operation) {
     OVERLAPPED& overlapped = *operation.overlapped;
     m_lastFinished = {};
-    if (!m_port) {
+    if (m_port) {
+        if (!m_port->Reserve()) {
+            return Fail(ERROR_NOT_ENOUGH_MEMORY) != FALSE;
+        }
+    } else {
         operation.event = Find<Event>(overlapped.hEvent);
         if (!operation.event) {
             return false;
@@ -69,9 +78,9 @@ void Pipe::Finish(const Operation& operation, DWORD error, std::size_t bytes) {
     }
 }
 
-void Pipe::FinishAll(std::deque<Operation>& operations, DWORD error) {
-    for (const Operation& operation : std::exchange(operations, {})) {
-        Finish(operation, error, 0);
+void Pipe::FinishAll(Ring<Operation>& operations, DWORD error) {
+    while (!operations.Empty()) {
+        Finish(operations.PopFront(), error, 0);
     }
 }
 
@@ -93,9 +102,9 @@ void Pipe::CallForService() {
     if (m_port) {
         return; // MarkDirty or the epoll set has seen to it
     }
-    for (const auto* operations : {&m_reads, &m_writes}) {
-        for (const Operation& one : *operations) {
-            one.event->LookAgain();
+    for (auto* operations : {&m_reads, &m_writes}) {
+        for (std::size_t i = 0; i < operations->Size(); ++i) {
+            (*operations)[i].event->LookAgain();
         }
     }
 }
@@ -126,8 +135,9 @@ bool Pipe::Associate(const std::shared_ptr<CompletionPort>& port, ULONG_PTR key)
     }
     m_port = port;
     m_key = key;
-    if (m_socket.Valid()) {
-        WatchSocket();
+    if (m_socket.Valid() && !WatchSocket()) {
+        m_port.reset();
+        return Fail(ERROR_NOT_ENOUGH_MEMORY) != FALSE;
     }
     return true;
 }
@@ -143,12 +153,15 @@ BOOL Pipe::Connect(OVERLAPPED* overlapped) {
         }
         m_connect = {};
         m_connect.overlapped = overlapped;
-        Begin(m_connect);
+        if (!Begin(m_connect)) {
+            return FALSE;
+        }
         m_state = State::Listening;
     }
     if (const DWORD error = m_listener->AddWaiting(shared_from_this()); error != ERROR_SUCCESS) {
         const std::lock_guard guard(m_mutex);
         m_state = State::Idle;
+        m_port->Unreserve();
         return Fail(error);
     }
     return Fail(ERROR_IO_PENDING);
@@ -164,9 +177,22 @@ bool Pipe::Accept(UniqueFd& socket) {
     m_state = State::Connected;
     m_readable = m_hungUp = m_watchesSpace = false;
     m_writable = true;
-    WatchSocket();
-    Finish(m_connect, ERROR_SUCCESS, 0);
+    if (WatchSocket()) {
+        Finish(m_connect, ERROR_SUCCESS, 0);
+    } else { // it would never be served
+        m_socket.Reset();
+        m_state = State::Idle;
+        Finish(m_connect, ERROR_NOT_ENOUGH_MEMORY, 0);
+    }
     return true;
+}
+
+void Pipe::RefuseAccept(DWORD error) {
+    const std::lock_guard guard(m_mutex);
+    if (m_state == State::Listening) {
+        m_state = State::Idle;
+        Finish(m_connect, error, 0);
+    }
 }
 
 BOOL Pipe::Read(void* buffer, DWORD count, DWORD* transferred, OVERLAPPED* overlapped) {
@@ -178,10 +204,10 @@ BOOL Pipe::Read(void* buffer, DWORD count, DWORD* transferred, OVERLAPPED* overl
     operation.overlapped = overlapped;
     operation.buffer = static_cast<char*>(buffer);
     operation.count = count;
-    if (CannotTransfer() != FALSE || !Begin(operation)) {
+    if (CannotTransfer() != FALSE || !MakeRoom(m_reads) || !Begin(operation)) {
         return FALSE;
     }
-    m_reads.push_back(std::move(operation));
+    m_reads.PushBack(std::move(operation));
     if (m_port && m_ahead.Empty()) {
         if (m_readable && !m_dirty) {
             m_dirty = true;
@@ -209,11 +235,11 @@ BOOL Pipe::Write(const void* buffer, DWORD count, DWORD* transferred, OVERLAPPED
         // At once: who hears that a write is pending takes it for sent in part. On a port its completion tells.
         return Fail(ERROR_BROKEN_PIPE);
     }
-    if (!Begin(operation)) {
+    if (!MakeRoom(m_writes) || !Begin(operation)) {
         return FALSE;
     }
     if (m_port) {
-        m_writes.push_back(std::move(operation));
+        m_writes.PushBack(std::move(operation));
         if (!m_dirty) {
             m_dirty = true;
             m_port->MarkDirty(shared_from_this(), count);
@@ -221,7 +247,7 @@ BOOL Pipe::Write(const void* buffer, DWORD count, DWORD* transferred, OVERLAPPED
             m_port->AddDirtyBytes(count);
         }
     } else if (!SendAtOnce(operation, guard)) {
-        m_writes.push_back(std::move(operation));
+        m_writes.PushBack(std::move(operation));
         FlushWrites();
     }
     return Outcome(overlapped, transferred);
@@ -275,10 +301,9 @@ std::shared_ptr<CompletionPort> Pipe::Port() {
 
 // ---- Being served --------------------------------------------------------------------------------------------------
 
-void Pipe::WatchSocket() {
-    if (m_port) {
-        m_watchId = m_port->Watch(m_socket.Get(), EPOLLIN | EPOLLRDHUP | EPOLLET, shared_from_this());
-    }
+bool Pipe::WatchSocket() {
+    m_watchId = m_port->Watch(m_socket.Get(), EPOLLIN | EPOLLRDHUP | EPOLLET, shared_from_this());
+    return m_watchId != 0;
 }
 
 void Pipe::UnwatchSocket() {
@@ -319,7 +344,7 @@ int Pipe::PollDescriptor(short& events) {
     const std::lock_guard guard(m_mutex);
     events = 0;
     if (m_state == State::Connected) {
-        events = static_cast<short>((m_reads.empty() ? 0 : POLLIN) | (m_writes.empty() ? 0 : POLLOUT));
+        events = static_cast<short>((m_reads.Empty() ? 0 : POLLIN) | (m_writes.Empty() ? 0 : POLLOUT));
     }
     return events == 0 ? -1 : m_socket.Get();
 }
@@ -333,12 +358,11 @@ void Pipe::Break(DWORD error) {
 // ---- Reading -------------------------------------------------------------------------------------------------------
 
 void Pipe::FillReads() {
-    while (m_state == State::Connected && !m_reads.empty()) {
+    while (m_state == State::Connected && !m_reads.Empty()) {
         if (!m_ahead.Empty()) {
-            const Operation operation = std::move(m_reads.front());
-            m_reads.pop_front();
+            const Operation operation = m_reads.PopFront();
             Finish(operation, ERROR_SUCCESS, m_ahead.Take(operation.buffer, operation.count));
-        } else if (!m_readable || !ReceiveInto(m_reads.front())) {
+        } else if (!m_readable || !ReceiveInto(m_reads.Front())) {
             return;
         }
     }
@@ -357,8 +381,7 @@ bool Pipe::ReceiveInto(Operation& operation) {
     if (got > 0) {
         // Less than there was room for: the socket is empty, until it says otherwise.
         m_readable = bytes == wanted || m_hungUp;
-        const Operation finished = std::move(operation);
-        m_reads.pop_front();
+        const Operation finished = m_reads.PopFront();
         Finish(finished, ERROR_SUCCESS, std::min(bytes, finished.count));
         return true;
     }
@@ -378,7 +401,7 @@ bool Pipe::ReceiveInto(Operation& operation) {
 // Without the mutex: the write may wake a process that runs in this one's place for a while, and a thread that comes to
 // read meanwhile should not have to wait for that. False when others are before it.
 bool Pipe::SendAtOnce(Operation& operation, std::unique_lock<std::mutex>& guard) {
-    if (m_sending || !m_writable || !m_writes.empty()) {
+    if (m_sending || !m_writable || !m_writes.Empty()) {
         return false;
     }
     m_sending = true;
@@ -398,7 +421,7 @@ bool Pipe::SendAtOnce(Operation& operation, std::unique_lock<std::mutex>& guard)
         Finish(operation, ERROR_SUCCESS, operation.count);
         return true;
     }
-    m_writes.push_front(std::move(operation));
+    m_writes.PushFront(std::move(operation));
     FlushWrites();
     return true;
 }
@@ -409,13 +432,13 @@ void Pipe::AwaitSent(std::unique_lock<std::mutex>& guard) {
 }
 
 void Pipe::FlushWrites() {
-    while (m_state == State::Connected && m_writable && !m_sending && !m_writes.empty()) {
+    while (m_state == State::Connected && m_writable && !m_sending && !m_writes.Empty()) {
         if (!SendSome()) {
             break;
         }
     }
     if (m_port && m_state == State::Connected) {
-        WatchForSpace(!m_writes.empty());
+        WatchForSpace(!m_writes.Empty());
     }
 }
 
@@ -425,9 +448,10 @@ bool Pipe::SendSome() {
     std::array<iovec, kPieces> pieces;
     std::size_t count = 0;
     std::size_t wanted = 0;
-    for (auto write = m_writes.begin(); write != m_writes.end() && count < kPieces; ++write) {
-        pieces[count++] = {write->buffer + write->done, write->count - write->done};
-        wanted += write->count - write->done;
+    for (; count < std::min(kPieces, m_writes.Size()); ++count) {
+        const Operation& write = m_writes[count];
+        pieces[count] = {write.buffer + write.done, write.count - write.done};
+        wanted += write.count - write.done;
     }
     msghdr message{};
     message.msg_iov = pieces.data();
@@ -451,16 +475,15 @@ bool Pipe::SendSome() {
 }
 
 void Pipe::TakeSent(std::size_t bytes) {
-    while (!m_writes.empty()) {
-        Operation& write = m_writes.front();
+    while (!m_writes.Empty()) {
+        Operation& write = m_writes.Front();
         const std::size_t part = std::min(bytes, write.count - write.done);
         write.done += part;
         bytes -= part;
         if (write.done < write.count) {
             return;
         }
-        const Operation finished = std::move(write);
-        m_writes.pop_front();
+        const Operation finished = m_writes.PopFront();
         Finish(finished, ERROR_SUCCESS, finished.count);
     }
 }
@@ -468,9 +491,12 @@ void Pipe::TakeSent(std::size_t bytes) {
 // Space is watched for only while something waits for it: every read of the other end makes space, and would
 // otherwise wake the port each time.
 void Pipe::WatchForSpace(bool wanted) {
-    if (wanted != m_watchesSpace && m_watchId != 0) {
-        m_watchesSpace = wanted;
-        m_port->Rewatch(m_socket.Get(), EPOLLIN | EPOLLRDHUP | EPOLLET | (wanted ? EPOLLOUT : 0u), m_watchId);
+    if (wanted == m_watchesSpace || m_watchId == 0) {
+        return;
+    }
+    m_watchesSpace = wanted;
+    if (!m_port->Rewatch(m_socket.Get(), EPOLLIN | EPOLLRDHUP | EPOLLET | (wanted ? EPOLLOUT : 0u), m_watchId)) {
+        Break(ERROR_BROKEN_PIPE); // the writes would wait for ever
     }
 }
 

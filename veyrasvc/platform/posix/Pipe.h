@@ -7,6 +7,9 @@
 // Any other end reports to the event of each operation and is served by the threads that wait for such an event
 // (Progress). The two differ in when they are called and in nothing else.
 //
+// What an operation needs until its completion is had when it begins, so that nothing that has begun, and no close,
+// fails for want of memory.
+//
 // Reads are satisfied from what an earlier read of the socket brought along (the read-ahead); writes leave together as
 // far as they are known. On a port they leave when it is asked, on an event-driven end at once.
 #pragma once
@@ -16,11 +19,11 @@
 #include "veyrasvc/platform/posix/IoObject.h"
 #include "veyrasvc/platform/posix/PipeListener.h"
 #include "veyrasvc/platform/posix/ReadAhead.h"
+#include "veyrasvc/platform/posix/Ring.h"
 #include "veyrasvc/platform/posix/UniqueFd.h"
 
 #include <atomic>
 #include <condition_variable>
-#include <deque>
 #include <memory>
 #include <mutex>
 
@@ -45,6 +48,8 @@ public:
 
     // From the listener: a client for an instance that waits in Connect. False when it waits no more.
     bool Accept(UniqueFd& socket);
+    // The same: the wait of this instance fails.
+    void RefuseAccept(DWORD error);
     bool AdmitsEveryone() const { return m_admitsEveryone; }
     std::shared_ptr<CompletionPort> Port();
 
@@ -64,13 +69,14 @@ private:
     };
 
     // All of these are called with m_mutex held.
+    bool MakeRoom(Ring<Operation>& operations);
     bool Begin(Operation& operation);
     void Finish(const Operation& operation, DWORD error, std::size_t bytes);
-    void FinishAll(std::deque<Operation>& operations, DWORD error);
+    void FinishAll(Ring<Operation>& operations, DWORD error);
     BOOL Outcome(const OVERLAPPED* overlapped, DWORD* transferred);
     void CallForService();
     BOOL CannotTransfer() const;
-    void WatchSocket();
+    bool WatchSocket();
     void UnwatchSocket();
     void Break(DWORD error);
     void FillReads();
@@ -90,8 +96,8 @@ private:
     // All guarded by m_mutex.
     State m_state;
     UniqueFd m_socket;
-    std::deque<Operation> m_reads;
-    std::deque<Operation> m_writes;
+    Ring<Operation> m_reads;
+    Ring<Operation> m_writes;
     Operation m_connect; // pending while Listening
     ReadAhead m_ahead;
     bool m_sending = false;  // a thread writes to the socket without the mutex

@@ -114,8 +114,11 @@ Serving Probe(const PipeName& name) {
 
 HANDLE OpenPipeClient(LPCWSTR name, DWORD access, DWORD flags) {
     const auto parsed = PipeName::Parse(name);
-    if (!parsed || access != (GENERIC_READ | GENERIC_WRITE) || (flags & FILE_FLAG_OVERLAPPED) == 0) {
-        SetLastError(parsed ? ERROR_INVALID_PARAMETER : ERROR_INVALID_NAME);
+    if (!parsed) {
+        return INVALID_HANDLE_VALUE;
+    }
+    if (access != (GENERIC_READ | GENERIC_WRITE) || (flags & FILE_FLAG_OVERLAPPED) == 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
         return INVALID_HANDLE_VALUE;
     }
     UniqueFd socket = ConnectTo(*parsed);
@@ -125,7 +128,7 @@ HANDLE OpenPipeClient(LPCWSTR name, DWORD access, DWORD flags) {
                                              : ErrorFromErrno(errno));
         return INVALID_HANDLE_VALUE;
     }
-    const HANDLE handle = AddHandle(std::make_shared<Pipe>(std::move(socket)));
+    const HANDLE handle = AddHandle(MakeObject<Pipe>(std::move(socket)));
     return handle == nullptr ? INVALID_HANDLE_VALUE : handle;
 }
 
@@ -134,7 +137,7 @@ BOOL WaitNamedPipeW(LPCWSTR name, DWORD milliseconds) {
     constexpr DWORD kLookAgainMs = 10;
     const auto parsed = PipeName::Parse(name);
     if (!parsed || milliseconds == 0) {
-        return Fail(parsed ? ERROR_INVALID_PARAMETER : ERROR_INVALID_NAME);
+        return parsed ? Fail(ERROR_INVALID_PARAMETER) : FALSE;
     }
     const Deadline deadline(milliseconds);
     for (;;) {

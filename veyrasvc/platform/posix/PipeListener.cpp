@@ -4,11 +4,13 @@
 #include "veyrasvc/platform/posix/SecurityDescriptor.h"
 
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
+#include <cstring>
 #include <map>
 #include <utility>
 
@@ -31,8 +33,8 @@ UniqueFd NewSocket() {
     return UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 }
 
-std::string AddressBytes(const sockaddr_un& address, socklen_t length) {
-    return std::string(reinterpret_cast<const char*>(&address), length);
+UniqueFd NewReserve() {
+    return UniqueFd(eventfd(0, EFD_CLOEXEC));
 }
 
 // Who may use an instance with default security: the server's own account, and root.
@@ -60,13 +62,20 @@ std::shared_ptr<PipeListener> PipeListener::Open(const PipeName& name) {
         SetLastError(errno == EADDRINUSE ? ERROR_ACCESS_DENIED : ErrorFromErrno(errno));
         return nullptr;
     }
-    std::shared_ptr<PipeListener> listener(new PipeListener(name, std::move(socket)));
-    listener->PutPlug();
-    registry.listeners[name.Key()] = listener;
-    return listener;
+    const auto entry = registry.listeners.try_emplace(name.Key()).first;
+    try {
+        auto listener = std::make_shared<PipeListener>(name, std::move(socket));
+        listener->PutPlug();
+        entry->second = listener;
+        return listener;
+    } catch (const std::bad_alloc&) {
+        registry.listeners.erase(entry);
+        throw;
+    }
 }
 
-PipeListener::PipeListener(PipeName name, UniqueFd socket) : m_name(std::move(name)), m_socket(std::move(socket)) {}
+PipeListener::PipeListener(PipeName name, UniqueFd socket)
+    : m_name(std::move(name)), m_socket(std::move(socket)), m_reserve(NewReserve()) {}
 
 PipeListener::~PipeListener() {
     Registry& registry = TheRegistry();
@@ -77,20 +86,22 @@ PipeListener::~PipeListener() {
 }
 
 DWORD PipeListener::AddWaiting(const std::shared_ptr<Pipe>& instance) {
-    std::deque<Arrival> arrivals;
+    const auto port = instance->Port();
+    bool hasPlug = false;
     {
         const std::lock_guard guard(m_mutex);
-        if (!WatchFor(instance->Port())) {
+        if (!IfMemoryLasts(false, [&] { return m_waiting.reserve(m_waiting.size() + 1), true; }) || !WatchFor(port)) {
             return ERROR_NOT_ENOUGH_MEMORY;
         }
         m_waiting.push_back(instance);
-        if (m_plug.Valid()) {
-            arrivals = AcceptWaiting(); // takes the plug out, and whoever slipped in before it
-        } else {
+        hasPlug = m_plug.Valid();
+        if (!hasPlug) {
             FollowWaiting();
         }
     }
-    Deliver(std::move(arrivals), *this);
+    if (hasPlug) {
+        AcceptWaiting(); // takes the plug out, and whoever slipped in before it
+    }
     return ERROR_SUCCESS;
 }
 
@@ -106,79 +117,99 @@ void PipeListener::RemoveWaiting(const Pipe* instance) {
 }
 
 void PipeListener::OnEvents(std::uint32_t /*events*/) {
-    std::deque<Arrival> arrivals;
-    {
-        const std::lock_guard guard(m_mutex);
-        arrivals = AcceptWaiting();
-    }
-    Deliver(std::move(arrivals), *this);
+    AcceptWaiting();
 }
 
-std::deque<PipeListener::Arrival> PipeListener::AcceptWaiting() {
-    std::deque<Arrival> arrivals;
-    while (!m_waiting.empty() && TakeOnePending(arrivals)) {
+void PipeListener::AcceptWaiting() {
+    for (bool more = true; more;) {
+        Arrivals arrivals;
+        {
+            const std::lock_guard guard(m_mutex);
+            while (more && !arrivals.Full()) {
+                more = !m_waiting.empty() && TakeOnePending(arrivals);
+            }
+            FollowWaiting();
+        }
+        for (Arrival& arrival : arrivals) {
+            if (!arrival.socket.Valid()) {
+                arrival.instance->RefuseAccept(ERROR_TOO_MANY_OPEN_FILES);
+            } else if (!arrival.instance->Accept(arrival.socket)) {
+                // The instance was closed in the meantime: its client finds the pipe broken, as with one closed a
+                // moment later.
+                const std::lock_guard guard(m_mutex);
+                FollowWaiting();
+            }
+        }
     }
-    FollowWaiting();
-    return arrivals;
 }
 
 // False when no connection is pending.
-bool PipeListener::TakeOnePending(std::deque<Arrival>& arrivals) {
-    UniqueFd socket(accept4(m_socket.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (!socket.Valid()) {
-        if (errno == EMFILE || errno == ENFILE) {
-            // epoll goes on to report the client that cannot be accepted: look again in a while, not all the time.
-            constexpr DWORD kShortageMs = 5;
-            Sleep(kShortageMs);
-            return false;
-        }
-        return errno == EINTR || errno == ECONNABORTED;
-    }
-    if (m_plug.Valid() && IsPlug(socket.Get())) {
+bool PipeListener::TakeOnePending(Arrivals& arrivals) {
+    bool isShort = false;
+    UniqueFd socket = AcceptSocket(isShort);
+    const int error = errno;
+    const bool isPlug = socket.Valid() && m_plug.Valid() && IsPlug(socket.Get());
+    if (isPlug) {
         m_plug.Reset();
-        return true;
     }
-    auto instance = m_waiting.front().lock();
-    if (!instance) {
-        m_waiting.pop_front();
-        return true; // the connection is dropped with its instance
+    if (isShort) {
+        const bool none = !socket.Valid() && error == EAGAIN;
+        socket.Reset();
+        m_reserve = NewReserve();
+        if (!isPlug && !none) {
+            Give(UniqueFd(), arrivals);
+        }
+        return !none;
     }
-    if (instance->AdmitsEveryone() || IsOwnAccount(socket.Get())) {
-        m_waiting.pop_front();
-        arrivals.push_back({std::move(instance), std::move(socket)});
+    if (!socket.Valid()) {
+        return error == EINTR || error == ECONNABORTED;
+    }
+    if (!isPlug) {
+        Give(std::move(socket), arrivals);
     }
     return true;
 }
 
-void PipeListener::Deliver(std::deque<Arrival> arrivals, PipeListener& listener) {
-    for (Arrival& arrival : arrivals) {
-        if (arrival.instance->Accept(arrival.socket)) {
-            continue;
-        }
-        // The instance was closed in the meantime: its client finds the pipe broken, as with one closed a moment later.
-        const std::lock_guard guard(listener.m_mutex);
-        listener.FollowWaiting();
+// Out of descriptors, the one in reserve makes room for a client that is going to be dropped.
+UniqueFd PipeListener::AcceptSocket(bool& isShort) {
+    UniqueFd socket(accept4(m_socket.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    isShort = !socket.Valid() && (errno == EMFILE || errno == ENFILE);
+    if (isShort) {
+        m_reserve.Reset();
+        socket.Reset(accept4(m_socket.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    }
+    return socket;
+}
+
+// To the instance that has waited the longest.
+void PipeListener::Give(UniqueFd socket, Arrivals& arrivals) {
+    auto instance = m_waiting.front().lock();
+    if (instance && socket.Valid() && !instance->AdmitsEveryone() && !IsOwnAccount(socket.Get())) {
+        return; // it goes on waiting
+    }
+    m_waiting.erase(m_waiting.begin());
+    if (instance) { // else the connection is dropped with its instance
+        arrivals.Add(std::move(instance), std::move(socket));
     }
 }
 
 bool PipeListener::IsPlug(int socket) const {
     sockaddr_un address{};
     socklen_t length = sizeof address;
-    return getpeername(socket, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
-           AddressBytes(address, length) == m_plugAddress;
+    return getpeername(socket, reinterpret_cast<sockaddr*>(&address), &length) == 0 && length == m_plugAddressLength &&
+           std::memcmp(&address, &m_plugAddress, length) == 0;
 }
 
 // Occupies the last place of the backlog. If a client is faster, its place is as good: it is accepted later.
 void PipeListener::PutPlug() {
     UniqueFd plug = NewSocket();
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    socklen_t length = sizeof address;
-    if (plug.Valid() &&
-        bind(plug.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(sa_family_t)) == 0 && // a name of its own
-        getsockname(plug.Get(), reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+    m_plugAddress = {};
+    m_plugAddress.sun_family = AF_UNIX;
+    m_plugAddressLength = sizeof m_plugAddress;
+    auto* const address = reinterpret_cast<sockaddr*>(&m_plugAddress);
+    if (plug.Valid() && bind(plug.Get(), address, sizeof(sa_family_t)) == 0 && // a name of its own
+        getsockname(plug.Get(), address, &m_plugAddressLength) == 0 &&
         connect(plug.Get(), m_name.Address(), m_name.AddressLength()) == 0) {
-        m_plugAddress = AddressBytes(address, length);
         m_plug = std::move(plug);
     }
 }
@@ -223,15 +254,17 @@ HANDLE CreateNamedPipeW(LPCWSTR name, DWORD openMode, DWORD pipeMode, DWORD maxI
     const auto parsed = PipeName::Parse(name);
     if (!parsed || (openMode & ~FILE_FLAG_WRITE_THROUGH) != kSuppliedMode || pipeMode != PIPE_TYPE_BYTE ||
         maxInstances != PIPE_UNLIMITED_INSTANCES) {
-        SetLastError(parsed ? ERROR_INVALID_PARAMETER : ERROR_INVALID_NAME);
+        if (parsed) {
+            SetLastError(ERROR_INVALID_PARAMETER);
+        }
         return INVALID_HANDLE_VALUE;
     }
-    auto listener = PipeListener::Open(*parsed);
-    if (!listener) {
-        return INVALID_HANDLE_VALUE;
-    }
-    const HANDLE handle = AddHandle(std::make_shared<Pipe>(std::move(listener), AllowsEveryone(attributes)));
-    return handle == nullptr ? INVALID_HANDLE_VALUE : handle;
+    return IfMemoryLasts(INVALID_HANDLE_VALUE, [&] {
+        auto listener = PipeListener::Open(*parsed);
+        const HANDLE handle =
+            listener ? AddHandle(std::make_shared<Pipe>(std::move(listener), AllowsEveryone(attributes))) : nullptr;
+        return handle == nullptr ? INVALID_HANDLE_VALUE : handle;
+    });
 }
 
 } // namespace Vantor::Sentrix::Platform

@@ -1,5 +1,6 @@
 #include "veyrasvc/platform/posix/PipeName.h"
 
+#include "veyrasvc/platform/posix/Handle.h"
 #include "veyrasvc/platform/posix/Namespace.h"
 #include "veyrasvc/platform/posix/Utf8.h"
 
@@ -11,6 +12,16 @@
 namespace Vantor::Sentrix::Platform {
 
 std::optional<PipeName> PipeName::Parse(LPCWSTR name) {
+    return IfMemoryLasts(std::optional<PipeName>(), [&] {
+        auto parsed = ParseText(name);
+        if (!parsed) {
+            SetLastError(ERROR_INVALID_NAME);
+        }
+        return parsed;
+    });
+}
+
+std::optional<PipeName> PipeName::ParseText(LPCWSTR name) {
     constexpr std::wstring_view kPrefix = L"\\\\.\\pipe\\";
     if (name == nullptr) {
         return std::nullopt;

@@ -15,7 +15,8 @@ namespace Vantor::Sentrix::Platform {
 // the process (see Namespace.h) keeps users and tests apart.
 class PipeName {
 public:
-    // Nothing unless the name starts with `\\.\pipe\` in any case and fits into a socket address.
+    // Fails: nothing with ERROR_INVALID_NAME unless the name starts with `\\.\pipe\` in any case and fits into a socket
+    // address, or with ERROR_NOT_ENOUGH_MEMORY.
     static std::optional<PipeName> Parse(LPCWSTR name);
 
     // The address without its leading NUL; equal for equal pipes.
@@ -24,6 +25,8 @@ public:
     socklen_t AddressLength() const { return m_length; }
 
 private:
+    static std::optional<PipeName> ParseText(LPCWSTR name);
+
     std::string m_key;
     sockaddr_un m_address{};
     socklen_t m_length = 0;

@@ -48,29 +48,31 @@ void AddBattery(SYSTEM_POWER_STATUS& status, const std::filesystem::path& supply
 } // namespace
 
 BOOL GetSystemPowerStatus(SYSTEM_POWER_STATUS* status) {
-    if (status == nullptr) {
-        return Fail(ERROR_INVALID_PARAMETER);
-    }
-    *status = {kUnknown, kUnknown, kUnknown, 0, kUnknownTime, kUnknownTime};
-    std::error_code error;
-    std::filesystem::directory_iterator supply("/sys/class/power_supply", error);
-    if (error) {
-        return TRUE; // all is unknown
-    }
-    status->BatteryFlag = kNoBattery;
-    for (; !error && supply != std::filesystem::directory_iterator(); supply.increment(error)) {
-        const std::string type = Line(supply->path() / "type");
-        const bool ofDevice = Line(supply->path() / "scope") == "Device"; // a mouse has a battery too
-        if (type == "Battery" && !ofDevice) {
-            AddBattery(*status, supply->path());
-        } else if (type == "Mains" && status->ACLineStatus == kUnknown) {
-            status->ACLineStatus = Line(supply->path() / "online") == "1" ? 1 : 0;
+    return IfMemoryLasts(FALSE, [&] {
+        if (status == nullptr) {
+            return Fail(ERROR_INVALID_PARAMETER);
         }
-    }
-    if (status->BatteryFlag == kNoBattery) {
-        status->ACLineStatus = 1; // what else does it run on
-    }
-    return TRUE;
+        *status = {kUnknown, kUnknown, kUnknown, 0, kUnknownTime, kUnknownTime};
+        std::error_code error;
+        std::filesystem::directory_iterator supply("/sys/class/power_supply", error);
+        if (error) {
+            return TRUE; // all is unknown
+        }
+        status->BatteryFlag = kNoBattery;
+        for (; !error && supply != std::filesystem::directory_iterator(); supply.increment(error)) {
+            const std::string type = Line(supply->path() / "type");
+            const bool ofDevice = Line(supply->path() / "scope") == "Device"; // a mouse has a battery too
+            if (type == "Battery" && !ofDevice) {
+                AddBattery(*status, supply->path());
+            } else if (type == "Mains" && status->ACLineStatus == kUnknown) {
+                status->ACLineStatus = Line(supply->path() / "online") == "1" ? 1 : 0;
+            }
+        }
+        if (status->BatteryFlag == kNoBattery) {
+            status->ACLineStatus = 1; // what else does it run on
+        }
+        return TRUE;
+    });
 }
 
 } // namespace Vantor::Sentrix::Platform

@@ -1,6 +1,5 @@
 #include "veyrasvc/platform/posix/Process.h"
 
-#include "veyrasvc/platform/posix/Reaper.h"
 #include "veyrasvc/platform/posix/Utf8.h"
 #include "veyrasvc/platform/posix/Wait.h"
 
@@ -32,7 +31,7 @@ bool PollReadable(int descriptor, std::int64_t timeoutMs) {
 
 Process::~Process() {
     if (!HasEnded()) {
-        ReapWhenEnded(std::move(m_descriptor));
+        ReapWhenEnded(std::move(m_child));
     }
 }
 
@@ -40,7 +39,7 @@ DWORD Process::BlockingWait(DWORD milliseconds) {
     const Deadline deadline(milliseconds);
     for (;;) {
         const std::int64_t remaining = deadline.Remaining();
-        if (PollReadable(m_descriptor.Get(), remaining) && HasEnded()) {
+        if (PollReadable(Descriptor(), remaining) && HasEnded()) {
             return WAIT_OBJECT_0;
         }
         if (remaining == 0) {
@@ -58,7 +57,7 @@ bool Process::HasEnded() {
     siginfo_t info{};
     int result = -1;
     do {
-        result = waitid(P_PIDFD, static_cast<id_t>(m_descriptor.Get()), &info, WEXITED | WNOHANG);
+        result = waitid(P_PIDFD, static_cast<id_t>(Descriptor()), &info, WEXITED | WNOHANG);
     } while (result != 0 && errno == EINTR);
     if (result != 0) {
         m_exitCode = kUnknownExitCode;
@@ -78,7 +77,7 @@ BOOL Process::Terminate(UINT exitCode) {
     if (!m_terminateCode) {
         m_terminateCode = exitCode;
     }
-    if (syscall(SYS_pidfd_send_signal, m_descriptor.Get(), SIGKILL, nullptr, 0) != 0) {
+    if (syscall(SYS_pidfd_send_signal, Descriptor(), SIGKILL, nullptr, 0) != 0) {
         return Fail(ERROR_ACCESS_DENIED); // it has ended meanwhile
     }
     return TRUE;

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "veyrasvc/platform/posix/BlockingWaitable.h"
-#include "veyrasvc/platform/posix/UniqueFd.h"
+#include "veyrasvc/platform/posix/Reaper.h"
 
 #include <sys/types.h>
 
@@ -16,7 +16,7 @@ namespace Vantor::Sentrix::Platform {
 class Process final : public BlockingWaitable {
 public:
     // Owns: the right to collect that child's exit status. `descriptor` is its pidfd.
-    Process(pid_t id, UniqueFd descriptor) : m_id(id), m_descriptor(std::move(descriptor)) {}
+    Process(pid_t id, UniqueFd descriptor) : m_id(id) { m_child.push_back(std::move(descriptor)); }
     ~Process() override;
 
     DWORD BlockingWait(DWORD milliseconds) override;
@@ -28,9 +28,10 @@ public:
 
 private:
     bool HasEnded();
+    int Descriptor() const { return m_child.front().Get(); }
 
     const pid_t m_id;
-    UniqueFd m_descriptor; // constant until the destructor
+    Child m_child; // constant until the destructor
     std::mutex m_mutex;
     std::optional<DWORD> m_exitCode;      // guarded by m_mutex
     std::optional<DWORD> m_terminateCode; // guarded by m_mutex

@@ -48,25 +48,27 @@ void Fill(PROCESS_MEMORY_COUNTERS& counters, const std::string& status, const st
 } // namespace
 
 BOOL K32GetProcessMemoryInfo(HANDLE handle, PROCESS_MEMORY_COUNTERS* counters, DWORD size) {
-    if (counters == nullptr || size < sizeof *counters) {
-        return Fail(ERROR_INSUFFICIENT_BUFFER);
-    }
-    std::string folder = "/proc/self";
-    std::shared_ptr<Process> process; // keeps the child's number from being given to another process
-    if (handle != GetCurrentProcess()) {
-        process = Find<Process>(handle);
-        if (!process) {
-            return FALSE;
+    return IfMemoryLasts(FALSE, [&] {
+        if (counters == nullptr || size < sizeof *counters) {
+            return Fail(ERROR_INSUFFICIENT_BUFFER);
         }
-        folder = "/proc/" + std::to_string(process->Id());
-    }
-    std::string status;
-    std::string stat;
-    if (!ReadWhole(folder + "/status", status) || !ReadWhole(folder + "/stat", stat)) {
-        return Fail(ERROR_ACCESS_DENIED);
-    }
-    Fill(*counters, status, stat);
-    return TRUE;
+        std::string folder = "/proc/self";
+        std::shared_ptr<Process> process; // keeps the child's number from being given to another process
+        if (handle != GetCurrentProcess()) {
+            process = Find<Process>(handle);
+            if (!process) {
+                return FALSE;
+            }
+            folder = "/proc/" + std::to_string(process->Id());
+        }
+        std::string status;
+        std::string stat;
+        if (!ReadWhole(folder + "/status", status) || !ReadWhole(folder + "/stat", stat)) {
+            return Fail(ERROR_ACCESS_DENIED);
+        }
+        Fill(*counters, status, stat);
+        return TRUE;
+    });
 }
 
 } // namespace Vantor::Sentrix::Platform

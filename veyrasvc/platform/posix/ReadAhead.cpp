@@ -1,9 +1,9 @@
 #include "veyrasvc/platform/posix/ReadAhead.h"
 
+#include <array>
 #include <mutex>
 #include <new>
 #include <utility>
-#include <vector>
 
 namespace Vantor::Sentrix::Platform {
 
@@ -14,11 +14,13 @@ constexpr std::size_t kStock = 4;
 
 struct Stock {
     std::mutex mutex;
-    std::vector<std::unique_ptr<char[]>> buffers; // guarded by mutex
+    std::array<std::unique_ptr<char[]>, kStock> buffers; // guarded by mutex; the first `count` are there
+    std::size_t count = 0;
 };
 
 Stock& TheStock() {
-    static auto* const stock = new Stock; // never destroyed: pipes may outlive static objects
+    alignas(Stock) static unsigned char memory[sizeof(Stock)];
+    static Stock* const stock = ::new (static_cast<void*>(memory)) Stock; // never destroyed: pipes may outlive statics
     return *stock;
 }
 
@@ -28,9 +30,8 @@ char* ReadAhead::Borrow() {
     if (!m_buffer) {
         Stock& stock = TheStock();
         const std::lock_guard guard(stock.mutex);
-        if (!stock.buffers.empty()) {
-            m_buffer = std::move(stock.buffers.back());
-            stock.buffers.pop_back();
+        if (stock.count > 0) {
+            m_buffer = std::move(stock.buffers[--stock.count]);
         }
     }
     if (!m_buffer) {
@@ -46,8 +47,8 @@ void ReadAhead::Return() {
     }
     Stock& stock = TheStock();
     const std::lock_guard guard(stock.mutex);
-    if (stock.buffers.size() < kStock) {
-        stock.buffers.push_back(std::move(m_buffer));
+    if (stock.count < kStock) {
+        stock.buffers[stock.count++] = std::move(m_buffer);
     }
     m_buffer.reset();
 }

@@ -1,5 +1,7 @@
 #include "veyrasvc/platform/posix/Reaper.h"
 
+#include "veyrasvc/platform/posix/StartThread.h"
+
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -9,8 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <mutex>
-#include <system_error>
-#include <thread>
+#include <new>
 #include <vector>
 
 namespace Vantor::Sentrix::Platform {
@@ -27,14 +28,23 @@ class Reaper {
 public:
     Reaper() : m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
-    void Add(UniqueFd child) {
+    void Add(Child child) {
         const std::lock_guard guard(m_mutex);
-        m_children.push_back(std::move(child));
+        m_children.splice(m_children.end(), child);
         if (m_isRunning) {
             eventfd_write(m_wake.Get(), 1);
         } else {
             m_isRunning = StartThread();
         }
+    }
+
+    // Around a fork. The parent's children are no children of the child's.
+    void Lock() { m_mutex.lock(); }
+    void Unlock() { m_mutex.unlock(); }
+    void StartAfresh() {
+        m_children.clear();
+        m_isRunning = false;
+        m_mutex.unlock();
     }
 
 private:
@@ -44,20 +54,28 @@ private:
         sigset_t before;
         sigfillset(&all);
         pthread_sigmask(SIG_SETMASK, &all, &before);
-        bool started = true;
-        try {
-            std::thread([this] { Run(); }).detach();
-        } catch (const std::system_error&) {
-            started = false;
-        }
+        const auto run = [](void* self) -> void* {
+            static_cast<Reaper*>(self)->Run();
+            return nullptr;
+        };
+        const bool started = Platform::StartThread(run, this);
         pthread_sigmask(SIG_SETMASK, &before, nullptr);
         return started;
     }
 
     void Run() {
+        constexpr int kWithoutMemoryMs = 100; // the children are looked at now and then, until there is some
         std::vector<pollfd> polled;
-        while (CollectEnded(polled)) {
-            poll(polled.data(), polled.size(), -1);
+        for (bool more = true; more;) {
+            int limit = -1;
+            try {
+                more = CollectEnded(polled);
+            } catch (const std::bad_alloc&) {
+                limit = kWithoutMemoryMs;
+            }
+            if (more) {
+                poll(polled.data(), limit < 0 ? polled.size() : 0, limit);
+            }
         }
     }
 
@@ -77,15 +95,25 @@ private:
 
     const UniqueFd m_wake;
     std::mutex m_mutex;
-    std::vector<UniqueFd> m_children; // guarded by m_mutex
-    bool m_isRunning = false;         // guarded by m_mutex
+    Child m_children;         // guarded by m_mutex
+    bool m_isRunning = false; // guarded by m_mutex
 };
+
+// Never destroyed: its thread may run while the process exits.
+Reaper& TheReaper() {
+    alignas(Reaper) static unsigned char memory[sizeof(Reaper)];
+    static Reaper* const reaper = [] {
+        auto* const made = ::new (static_cast<void*>(memory)) Reaper;
+        pthread_atfork([] { TheReaper().Lock(); }, [] { TheReaper().Unlock(); }, [] { TheReaper().StartAfresh(); });
+        return made;
+    }();
+    return *reaper;
+}
 
 } // namespace
 
-void ReapWhenEnded(UniqueFd child) {
-    static auto* const reaper = new Reaper; // never destroyed: its thread may run while the process exits
-    reaper->Add(std::move(child));
+void ReapWhenEnded(Child child) {
+    TheReaper().Add(std::move(child));
 }
 
 } // namespace Vantor::Sentrix::Platform

@@ -3,9 +3,14 @@
 
 #include "veyrasvc/platform/posix/UniqueFd.h"
 
+#include <list>
+
 namespace Vantor::Sentrix::Platform {
 
-// Owns: the child's pidfd. One thread waits for all such children; it exists only while there are any.
-void ReapWhenEnded(UniqueFd child);
+// A child's pidfd on a list of its own, so that to hand it on takes no memory.
+using Child = std::list<UniqueFd>;
+
+// Owns: the child. One thread waits for all such children; it exists only while there are any.
+void ReapWhenEnded(Child child);
 
 } // namespace Vantor::Sentrix::Platform

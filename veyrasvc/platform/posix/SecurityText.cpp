@@ -191,27 +191,29 @@ std::optional<std::vector<AccessEntry>> Parse(Text text) {
 
 BOOL ConvertStringSecurityDescriptorToSecurityDescriptorW(LPCWSTR text, DWORD revision,
                                                           PSECURITY_DESCRIPTOR* descriptor, ULONG* size) {
-    if (text == nullptr || descriptor == nullptr || revision != SDDL_REVISION_1) {
-        return Fail(ERROR_INVALID_PARAMETER);
-    }
-    const auto entries = Parse(text);
-    if (!entries) {
-        return Fail(ERROR_INVALID_PARAMETER);
-    }
-    // The list lies behind the descriptor in one block, so that one LocalFree takes both.
-    const std::size_t bytes = sizeof(Descriptor) + sizeof(AccessList) + entries->size() * sizeof(AccessEntry);
-    auto* const block = static_cast<char*>(std::calloc(1, bytes));
-    if (block == nullptr) {
-        return Fail(ERROR_NOT_ENOUGH_MEMORY);
-    }
-    auto* const list = new (block + sizeof(Descriptor)) AccessList{static_cast<ULONG>(entries->size())};
-    std::copy(entries->begin(), entries->end(), list->Entries());
-    *descriptor =
-        new (block) Descriptor{SECURITY_DESCRIPTOR_REVISION, 0, kAccessListPresent, nullptr, nullptr, nullptr, list};
-    if (size != nullptr) {
-        *size = static_cast<ULONG>(bytes);
-    }
-    return TRUE;
+    return IfMemoryLasts(FALSE, [&] {
+        if (text == nullptr || descriptor == nullptr || revision != SDDL_REVISION_1) {
+            return Fail(ERROR_INVALID_PARAMETER);
+        }
+        const auto entries = Parse(text);
+        if (!entries) {
+            return Fail(ERROR_INVALID_PARAMETER);
+        }
+        // The list lies behind the descriptor in one block, so that one LocalFree takes both.
+        const std::size_t bytes = sizeof(Descriptor) + sizeof(AccessList) + entries->size() * sizeof(AccessEntry);
+        auto* const block = static_cast<char*>(std::calloc(1, bytes));
+        if (block == nullptr) {
+            return Fail(ERROR_NOT_ENOUGH_MEMORY);
+        }
+        auto* const list = new (block + sizeof(Descriptor)) AccessList{static_cast<ULONG>(entries->size())};
+        std::copy(entries->begin(), entries->end(), list->Entries());
+        *descriptor = new (block)
+            Descriptor{SECURITY_DESCRIPTOR_REVISION, 0, kAccessListPresent, nullptr, nullptr, nullptr, list};
+        if (size != nullptr) {
+            *size = static_cast<ULONG>(bytes);
+        }
+        return TRUE;
+    });
 }
 
 } // namespace Vantor::Sentrix::Platform

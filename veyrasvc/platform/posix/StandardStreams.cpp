@@ -17,7 +17,7 @@ HANDLE BorrowStream(int descriptor) {
     }
     const int mode = flags & O_ACCMODE;
     const DWORD access = (mode != O_WRONLY ? GENERIC_READ : 0) | (mode != O_RDONLY ? GENERIC_WRITE : 0);
-    return AddHandle(std::make_shared<File>(descriptor, access, true, File::Ownership::kBorrowed));
+    return AddHandle(MakeObject<File>(descriptor, access, true, File::Ownership::kBorrowed));
 }
 
 // One handle a stream, the same at every call.
@@ -38,12 +38,13 @@ BOOL CreatePipe(HANDLE* readEnd, HANDLE* writeEnd, SECURITY_ATTRIBUTES* attribut
         return Fail(ErrorFromErrno(errno));
     }
     const bool inheritable = attributes != nullptr && attributes->bInheritHandle != FALSE;
-    const HANDLE reader = AddHandle(std::make_shared<File>(ends[0], GENERIC_READ, inheritable));
-    const HANDLE writer = AddHandle(std::make_shared<File>(ends[1], GENERIC_WRITE, inheritable));
+    const HANDLE reader = AddFile(ends[0], GENERIC_READ, inheritable);
+    const HANDLE writer = AddFile(ends[1], GENERIC_WRITE, inheritable);
     if (reader == nullptr || writer == nullptr) {
+        const DWORD error = GetLastError();
         CloseHandle(reader);
         CloseHandle(writer);
-        return Fail(ERROR_TOO_MANY_OPEN_FILES);
+        return Fail(error);
     }
     *readEnd = reader;
     *writeEnd = writer;

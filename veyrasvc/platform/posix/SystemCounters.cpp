@@ -22,53 +22,57 @@ FILETIME FileTimeOf(std::uint64_t clockTicks) {
 } // namespace
 
 BOOL GlobalMemoryStatusEx(MEMORYSTATUSEX* status) {
-    if (status == nullptr || status->dwLength != sizeof *status) {
-        return Fail(ERROR_INVALID_PARAMETER);
-    }
-    std::string text;
-    if (!ReadWhole("/proc/meminfo", text) || BytesOf(text, "MemTotal") == 0) {
-        return Fail(ERROR_GEN_FAILURE);
-    }
-    status->ullTotalPhys = BytesOf(text, "MemTotal");
-    status->ullAvailPhys = BytesOf(text, "MemAvailable");
-    status->dwMemoryLoad =
-        static_cast<DWORD>((status->ullTotalPhys - status->ullAvailPhys) * 100 / status->ullTotalPhys);
-    // The page file of Windows counts what may be committed in all: memory and swap.
-    status->ullTotalPageFile = status->ullTotalPhys + BytesOf(text, "SwapTotal");
-    status->ullAvailPageFile = status->ullAvailPhys + BytesOf(text, "SwapFree");
-    status->ullTotalVirtual = kUserAddressSpace;
-    status->ullAvailVirtual = kUserAddressSpace;
-    std::string own;
-    if (ReadWhole("/proc/self/status", own)) {
-        status->ullAvailVirtual -= BytesOf(own, "VmSize");
-    }
-    status->ullAvailExtendedVirtual = 0;
-    return TRUE;
+    return IfMemoryLasts(FALSE, [&] {
+        if (status == nullptr || status->dwLength != sizeof *status) {
+            return Fail(ERROR_INVALID_PARAMETER);
+        }
+        std::string text;
+        if (!ReadWhole("/proc/meminfo", text) || BytesOf(text, "MemTotal") == 0) {
+            return Fail(ERROR_GEN_FAILURE);
+        }
+        status->ullTotalPhys = BytesOf(text, "MemTotal");
+        status->ullAvailPhys = BytesOf(text, "MemAvailable");
+        status->dwMemoryLoad =
+            static_cast<DWORD>((status->ullTotalPhys - status->ullAvailPhys) * 100 / status->ullTotalPhys);
+        // The page file of Windows counts what may be committed in all: memory and swap.
+        status->ullTotalPageFile = status->ullTotalPhys + BytesOf(text, "SwapTotal");
+        status->ullAvailPageFile = status->ullAvailPhys + BytesOf(text, "SwapFree");
+        status->ullTotalVirtual = kUserAddressSpace;
+        status->ullAvailVirtual = kUserAddressSpace;
+        std::string own;
+        if (ReadWhole("/proc/self/status", own)) {
+            status->ullAvailVirtual -= BytesOf(own, "VmSize");
+        }
+        status->ullAvailExtendedVirtual = 0;
+        return TRUE;
+    });
 }
 
 BOOL GetSystemTimes(FILETIME* idle, FILETIME* kernel, FILETIME* user) {
-    std::string text;
-    if (!ReadWhole("/proc/stat", text)) {
-        return Fail(ERROR_GEN_FAILURE);
-    }
-    std::istringstream line(text);
-    std::string name;
-    std::uint64_t userTicks = 0, nice = 0, system = 0, idleTicks = 0, ioWait = 0, irq = 0, softIrq = 0, steal = 0;
-    line >> name >> userTicks >> nice >> system >> idleTicks >> ioWait >> irq >> softIrq >> steal;
-    if (!line || name != "cpu") {
-        return Fail(ERROR_GEN_FAILURE);
-    }
-    const std::uint64_t waiting = idleTicks + ioWait;
-    if (idle != nullptr) {
-        *idle = FileTimeOf(waiting);
-    }
-    if (kernel != nullptr) { // as on Windows, idle time is kernel time
-        *kernel = FileTimeOf(system + irq + softIrq + steal + waiting);
-    }
-    if (user != nullptr) {
-        *user = FileTimeOf(userTicks + nice);
-    }
-    return TRUE;
+    return IfMemoryLasts(FALSE, [&] {
+        std::string text;
+        if (!ReadWhole("/proc/stat", text)) {
+            return Fail(ERROR_GEN_FAILURE);
+        }
+        std::istringstream line(text);
+        std::string name;
+        std::uint64_t userTicks = 0, nice = 0, system = 0, idleTicks = 0, ioWait = 0, irq = 0, softIrq = 0, steal = 0;
+        line >> name >> userTicks >> nice >> system >> idleTicks >> ioWait >> irq >> softIrq >> steal;
+        if (!line || name != "cpu") {
+            return Fail(ERROR_GEN_FAILURE);
+        }
+        const std::uint64_t waiting = idleTicks + ioWait;
+        if (idle != nullptr) {
+            *idle = FileTimeOf(waiting);
+        }
+        if (kernel != nullptr) { // as on Windows, idle time is kernel time
+            *kernel = FileTimeOf(system + irq + softIrq + steal + waiting);
+        }
+        if (user != nullptr) {
+            *user = FileTimeOf(userTicks + nice);
+        }
+        return TRUE;
+    });
 }
 
 DWORD GetLogicalDrives() {

@@ -1,4 +1,5 @@
 // Threads: CreateThread and what a thread can say of itself.
+#include "veyrasvc/platform/posix/StartThread.h"
 #include "veyrasvc/platform/posix/Wait.h"
 #include "veyrasvc/platform/posix/WorkPool.h"
 
@@ -6,7 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <system_error>
+#include <new>
 #include <thread>
 
 namespace Vantor::Sentrix::Platform {
@@ -22,11 +23,30 @@ public:
         m_finished.store(true, std::memory_order_seq_cst);
         NotifyWaiters();
     }
-    bool TryAcquire() override { return m_finished.load(std::memory_order_seq_cst); }
+    // A thread does not come along into a forked process: there it has ended.
+    bool TryAcquire() override {
+        return m_finished.load(std::memory_order_seq_cst) || m_generation != ForkGeneration();
+    }
 
 private:
     std::atomic<bool> m_finished{false};
+    const unsigned m_generation = ForkGeneration();
 };
+
+struct Launch {
+    std::shared_ptr<Thread> thread;
+    LPTHREAD_START_ROUTINE start;
+    void* parameter;
+};
+
+void* RunThread(void* launched) {
+    std::unique_ptr<Launch> launch(static_cast<Launch*>(launched));
+    isOwnThread = true;
+    launch->start(launch->parameter);
+    WakeForDeferredWork(); // the thread's end comes after all that it did
+    launch->thread->Finish();
+    return nullptr;
+}
 
 } // namespace
 
@@ -36,23 +56,22 @@ HANDLE CreateThread(SECURITY_ATTRIBUTES* /*attributes*/, SIZE_T /*stackSize*/, L
         SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    auto thread = std::make_shared<Thread>();
-    const HANDLE handle = AddHandle(thread);
+    auto thread = MakeObject<Thread>();
+    std::unique_ptr<Launch> launch(thread ? new (std::nothrow) Launch{thread, start, parameter} : nullptr);
+    if (!launch) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    const HANDLE handle = AddHandle(std::move(thread));
     if (handle == nullptr) {
         return nullptr;
     }
-    try {
-        std::thread([thread, start, parameter] {
-            isOwnThread = true;
-            start(parameter);
-            WakeForDeferredWork(); // the thread's end comes after all that it did
-            thread->Finish();
-        }).detach();
-    } catch (const std::system_error&) {
+    if (!StartThread(&RunThread, launch.get())) {
         CloseHandle(handle);
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }
+    static_cast<void>(launch.release()); // the thread has it
     return handle;
 }
 

@@ -2,6 +2,7 @@
 
 #include <linux/futex.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -29,6 +30,33 @@ void FutexWait(std::atomic<std::uint32_t>& word, std::uint32_t expected, std::in
             timeoutMs < 0 ? nullptr : &limit, nullptr, 0);
 }
 
+// The descriptor by which a thread is notified while it polls: made by the thread's first poll, closed when the thread
+// ends. A destructor of a thread-local object would do the same, but to register one may need memory, and a failure to
+// do so ends the process.
+pthread_key_t EventFdKey() {
+    static const pthread_key_t key = [] {
+        pthread_key_t made{};
+        pthread_key_create(&made,
+                           [](void* kept) { close(static_cast<int>(reinterpret_cast<std::intptr_t>(kept)) - 1); });
+        return made;
+    }();
+    return key;
+}
+
+// -1 when there is none to be had.
+int EventFdOfThisThread() {
+    const auto kept = static_cast<int>(reinterpret_cast<std::intptr_t>(pthread_getspecific(EventFdKey())));
+    if (kept != 0) {
+        return kept - 1;
+    }
+    const int made = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (made >= 0 && pthread_setspecific(EventFdKey(), reinterpret_cast<void*>(std::intptr_t{made} + 1)) != 0) {
+        close(made);
+        return -1;
+    }
+    return made;
+}
+
 } // namespace
 
 std::int64_t MonotonicMs() {
@@ -48,19 +76,20 @@ std::int64_t Deadline::Remaining() const {
 
 // ---- Waitable ------------------------------------------------------------------------------------------------------
 
-void Waitable::AddWaiter(Waiter* waiter) {
+void Waitable::AddWaiter(WaitLink& link) {
     const std::lock_guard guard(m_waitersMutex);
-    m_waiters.push_back(waiter);
+    link.previous = m_last;
+    link.next = nullptr;
+    (m_last == nullptr ? m_first : m_last->next) = &link;
+    m_last = &link;
     m_waiterCount.fetch_add(1, std::memory_order_seq_cst);
 }
 
-void Waitable::RemoveWaiter(Waiter* waiter) {
+void Waitable::RemoveWaiter(WaitLink& link) {
     const std::lock_guard guard(m_waitersMutex);
-    const auto found = std::find(m_waiters.begin(), m_waiters.end(), waiter);
-    if (found != m_waiters.end()) {
-        m_waiters.erase(found);
-        m_waiterCount.fetch_sub(1, std::memory_order_seq_cst);
-    }
+    (link.previous == nullptr ? m_first : link.previous->next) = link.next;
+    (link.next == nullptr ? m_last : link.next->previous) = link.previous;
+    m_waiterCount.fetch_sub(1, std::memory_order_seq_cst);
 }
 
 void Waitable::NotifyWaiters() {
@@ -70,18 +99,12 @@ void Waitable::NotifyWaiters() {
         return;
     }
     const std::lock_guard guard(m_waitersMutex);
-    for (Waiter* waiter : m_waiters) {
-        waiter->Notify();
+    for (const WaitLink* link = m_first; link != nullptr; link = link->next) {
+        link->waiter->Notify();
     }
 }
 
 // ---- Waiter --------------------------------------------------------------------------------------------------------
-
-Waiter::~Waiter() {
-    if (m_eventFd >= 0) {
-        close(m_eventFd);
-    }
-}
 
 Waiter& Waiter::OfThisThread() {
     static thread_local Waiter waiter;
@@ -99,7 +122,7 @@ void Waiter::Notify() {
         break;
     case kInPoll: {
         const std::uint64_t one = 1;
-        [[maybe_unused]] const auto written = write(m_eventFd, &one, sizeof one);
+        [[maybe_unused]] const auto written = write(m_eventFd.load(std::memory_order_relaxed), &one, sizeof one);
         break;
     }
     default: // awake, or told already
@@ -118,28 +141,28 @@ void Waiter::Sleep(std::int64_t timeoutMs) {
     }
 }
 
-void Waiter::SleepPolling(std::vector<Polled>& polled, std::int64_t timeoutMs) {
-    if (m_eventFd < 0) {
-        m_eventFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+void Waiter::SleepPolling(PolledList& polled, std::int64_t timeoutMs) {
+    const int eventFd = EventFdOfThisThread();
+    m_eventFd.store(eventFd, std::memory_order_relaxed);
+    std::array<pollfd, MAXIMUM_WAIT_OBJECTS + 1> descriptors; // NOLINT(cppcoreguidelines-pro-type-member-init)
+    const std::size_t count = polled.Size();
+    for (std::size_t i = 0; i < count; ++i) {
+        descriptors[i] = {polled[i].descriptor, polled[i].events, 0};
     }
-    std::array<pollfd, MAXIMUM_WAIT_OBJECTS + 1> descriptors{};
-    std::size_t count = 0;
-    for (const Polled& one : polled) {
-        descriptors[count++] = {one.descriptor, one.events, 0};
-    }
-    descriptors[count] = {m_eventFd, POLLIN, 0};
+    descriptors[count] = {eventFd, POLLIN, 0};
 
     // Without an event descriptor (the process has none left) a notification cannot end the poll: look often instead.
     constexpr int kBlindPollMs = 10;
-    const int limit = m_eventFd < 0 ? kBlindPollMs : PollTimeout(timeoutMs);
+    const int limit = eventFd < 0 ? kBlindPollMs : PollTimeout(timeoutMs);
     const int ready = BeginSleep(kInPoll) ? poll(descriptors.data(), count + 1, limit) : 0;
-    // Whoever notified may write to the descriptor only now, so it is also drained when it is found to be ready.
+    // The thread that notified may write to the descriptor only now, so it is also drained when it is found to be
+    // ready.
     const bool notified = m_state.exchange(kAwake, std::memory_order_seq_cst) == kNotified;
-    if (m_eventFd >= 0 && (notified || (ready > 0 && descriptors[count].revents != 0))) {
+    if (eventFd >= 0 && (notified || (ready > 0 && descriptors[count].revents != 0))) {
         std::uint64_t drained = 0;
-        [[maybe_unused]] const auto got = read(m_eventFd, &drained, sizeof drained);
+        [[maybe_unused]] const auto got = read(eventFd, &drained, sizeof drained);
     }
-    for (std::size_t i = 0; i < polled.size(); ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         polled[i].revents = ready > 0 ? descriptors[i].revents : short{0};
     }
 }

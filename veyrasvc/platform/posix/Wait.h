@@ -6,15 +6,17 @@
 //
 // Overlapped pipe I/O that reports to an event has no thread of its own: a wait for such an event polls the pipe of the
 // operation and performs its reads and writes itself. An event therefore knows the source that will signal it.
+//
+// Waiting takes no memory: what a wait needs is on the stack of the thread that waits.
 #pragma once
 
+#include "veyrasvc/platform/posix/FixedVector.h"
 #include "veyrasvc/platform/posix/Handle.h"
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 namespace Vantor::Sentrix::Platform {
 
@@ -33,6 +35,13 @@ public:
     virtual int PollDescriptor(short& events) = 0;
 };
 
+// A waiter's place on the list of one object.
+struct WaitLink {
+    Waiter* waiter = nullptr;
+    WaitLink* previous = nullptr;
+    WaitLink* next = nullptr;
+};
+
 class Waitable : public Object {
 public:
     // Takes the signal if there is one (an auto-reset event and a mutex change by it).
@@ -41,8 +50,9 @@ public:
     // The source that is going to signal this object, if its progress needs the waiting thread.
     virtual std::shared_ptr<ProgressSource> Source() { return nullptr; }
 
-    void AddWaiter(Waiter* waiter);
-    void RemoveWaiter(Waiter* waiter);
+    // The link is borrowed from the first of these calls to the second.
+    void AddWaiter(WaitLink& link);
+    void RemoveWaiter(WaitLink& link);
 
 protected:
     // Wakes everyone who waits; call after the state changed, with sequentially consistent order.
@@ -51,14 +61,14 @@ protected:
 private:
     std::atomic<int> m_waiterCount{0};
     std::mutex m_waitersMutex;
-    std::vector<Waiter*> m_waiters; // guarded by m_waitersMutex
+    WaitLink* m_first = nullptr; // this and the next are guarded by m_waitersMutex
+    WaitLink* m_last = nullptr;
 };
 
 // One thread's place to sleep: on a futex, or in poll() when descriptors are waited for as well.
 class Waiter {
 public:
     Waiter() = default;
-    ~Waiter();
     Waiter(const Waiter&) = delete;
     Waiter& operator=(const Waiter&) = delete;
 
@@ -71,12 +81,13 @@ public:
 
     struct Polled {
         std::shared_ptr<ProgressSource> source;
-        int descriptor;
-        short events;
-        short revents;
+        int descriptor = -1;
+        short events = 0;
+        short revents = 0;
     };
-    // The same, or until one of the descriptors is ready; fills in `revents`.
-    void SleepPolling(std::vector<Polled>& polled, std::int64_t timeoutMs);
+    using PolledList = FixedVector<Polled, MAXIMUM_WAIT_OBJECTS>;
+    // The same, or until one of the descriptors is ready; fills in `revents`. Those that are -1 are passed over.
+    void SleepPolling(PolledList& polled, std::int64_t timeoutMs);
 
     static Waiter& OfThisThread();
 
@@ -85,7 +96,7 @@ private:
     bool BeginSleep(State how);
 
     std::atomic<std::uint32_t> m_state{kAwake};
-    int m_eventFd = -1; // made by the first SleepPolling
+    std::atomic<int> m_eventFd{-1}; // the thread's own, see Wait.cpp
 };
 
 // True on the threads that CreateThread made. They are the library's own and block nowhere but in the waits of this

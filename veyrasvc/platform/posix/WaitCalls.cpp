@@ -4,19 +4,26 @@
 #include "veyrasvc/platform/posix/WorkPool.h"
 
 #include <algorithm>
+#include <span>
 
 namespace Vantor::Sentrix::Platform {
 
 namespace {
 
-using Objects = std::vector<std::shared_ptr<Waitable>>;
+// An object that is waited for, and the waiter's place on its list.
+struct Awaited {
+    std::shared_ptr<Waitable> object;
+    WaitLink link;
+};
+using Objects = std::span<Awaited>;
+using Sources = Waiter::PolledList;
 
 constexpr DWORD kNone = WAIT_FAILED;
 
 // The lowest index wins, as the system promises.
-DWORD AcquireFirst(const Objects& objects) {
+DWORD AcquireFirst(Objects objects) {
     for (std::size_t i = 0; i < objects.size(); ++i) {
-        if (objects[i]->TryAcquire()) {
+        if (objects[i].object->TryAcquire()) {
             return WAIT_OBJECT_0 + static_cast<DWORD>(i);
         }
     }
@@ -26,50 +33,49 @@ DWORD AcquireFirst(const Objects& objects) {
 // Puts a waiter on all the objects for one scope.
 class Registration {
 public:
-    Registration(const Objects& objects, Waiter& waiter) : m_objects(objects), m_waiter(waiter) {
-        for (const auto& object : m_objects) {
-            object->AddWaiter(&m_waiter);
+    Registration(Objects objects, Waiter& waiter) : m_objects(objects) {
+        for (Awaited& one : m_objects) {
+            one.link.waiter = &waiter;
+            one.object->AddWaiter(one.link);
         }
     }
     ~Registration() {
-        for (const auto& object : m_objects) {
-            object->RemoveWaiter(&m_waiter);
+        for (Awaited& one : m_objects) {
+            one.object->RemoveWaiter(one.link);
         }
     }
     Registration(const Registration&) = delete;
     Registration& operator=(const Registration&) = delete;
 
 private:
-    const Objects& m_objects;
-    Waiter& m_waiter;
+    const Objects m_objects;
 };
 
-using Sources = std::vector<Waiter::Polled>;
-
 // Lets every pipe behind the events move what it can, and collects them.
-void MakeProgress(const Objects& objects, Sources& sources) {
-    sources.clear();
-    for (const auto& object : objects) {
-        auto source = object->Source();
-        const auto known = [&](const Waiter::Polled& one) { return one.source == source; };
+void MakeProgress(Objects objects, Sources& sources) {
+    sources.Clear();
+    for (const Awaited& one : objects) {
+        auto source = one.object->Source();
+        const auto known = [&](const Waiter::Polled& other) { return other.source == source; };
         if (source && std::none_of(sources.begin(), sources.end(), known)) {
             source->Progress(0);
-            sources.push_back({std::move(source), -1, 0, 0});
+            sources.Add(std::move(source));
         }
     }
 }
 
-// Keeps the sources that have something to wait for.
-void AskForDescriptors(Sources& sources) {
+// True when a source has something to wait for.
+bool AskForDescriptors(Sources& sources) {
+    bool any = false;
     for (auto& one : sources) {
         one.descriptor = one.source->PollDescriptor(one.events);
+        any = any || one.descriptor >= 0;
     }
-    std::erase_if(sources, [](const Waiter::Polled& one) { return one.descriptor < 0; });
+    return any;
 }
 
 void SleepOnce(Waiter& waiter, Sources& sources, std::int64_t timeoutMs) {
-    AskForDescriptors(sources);
-    if (sources.empty()) {
+    if (!AskForDescriptors(sources)) {
         if (timeoutMs != 0) {
             waiter.Sleep(timeoutMs);
         }
@@ -83,7 +89,7 @@ void SleepOnce(Waiter& waiter, Sources& sources, std::int64_t timeoutMs) {
     }
 }
 
-DWORD WaitAny(const Objects& objects, DWORD milliseconds) {
+DWORD WaitAny(Objects objects, DWORD milliseconds) {
     WakeForDeferredWork();
     if (const DWORD index = AcquireFirst(objects); index != kNone) {
         return index;
@@ -118,7 +124,8 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
             WakeForDeferredWork();
             return WAIT_TIMEOUT; // a look, as those who spin take many
         }
-        return WaitAny({std::move(waitable)}, milliseconds);
+        Awaited awaited{std::move(waitable), {}};
+        return WaitAny({&awaited, 1}, milliseconds);
     }
     if (const auto blocking = std::dynamic_pointer_cast<BlockingWaitable>(object)) {
         WakeForDeferredWork();
@@ -133,15 +140,13 @@ DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, D
         SetLastError(ERROR_INVALID_PARAMETER);
         return WAIT_FAILED;
     }
-    Objects objects;
-    objects.reserve(count);
+    FixedVector<Awaited, MAXIMUM_WAIT_OBJECTS> objects;
     for (DWORD i = 0; i < count; ++i) {
-        objects.push_back(Find<Waitable>(handles[i]));
-        if (!objects.back()) {
+        if (!objects.Add(Find<Waitable>(handles[i]), WaitLink()).object) {
             return WAIT_FAILED;
         }
     }
-    return WaitAny(objects, milliseconds);
+    return WaitAny({objects.begin(), objects.end()}, milliseconds);
 }
 
 } // namespace Vantor::Sentrix::Platform

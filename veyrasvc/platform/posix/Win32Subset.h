@@ -129,6 +129,7 @@ DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, D
 
 using LPTHREAD_START_ROUTINE = DWORD (*)(void* parameter);
 
+constexpr DWORD THREAD_QUERY_LIMITED_INFORMATION = 0x800;
 constexpr ULONG WT_EXECUTEDEFAULT = 0;
 constexpr ULONG WT_EXECUTELONGFUNCTION = 0x10;
 
@@ -136,9 +137,39 @@ HANDLE CreateThread(SECURITY_ATTRIBUTES* attributes, SIZE_T stackSize, LPTHREAD_
                     DWORD flags, DWORD* threadId);
 DWORD GetCurrentThreadId();
 DWORD GetCurrentProcessId();
+HANDLE OpenThread(DWORD access, BOOL inheritHandle, DWORD threadId);
 void Sleep(DWORD milliseconds);
 DWORD GetTickCount();
 BOOL QueueUserWorkItem(LPTHREAD_START_ROUTINE function, void* context, ULONG flags);
+
+using NTSTATUS = LONG; // negative: failure
+
+enum THREADINFOCLASS { ThreadSystemThreadInformation = 40 };
+
+struct CLIENT_ID {
+    HANDLE UniqueProcess;
+    HANDLE UniqueThread;
+};
+
+struct SYSTEM_THREAD_INFORMATION {
+    LARGE_INTEGER Reserved1[3];
+    ULONG Reserved2;
+    void* StartAddress;
+    CLIENT_ID ClientId;
+    LONG Priority;
+    LONG BasePriority;
+    ULONG Reserved3;
+    ULONG ThreadState;
+    ULONG WaitReason;
+};
+static_assert(sizeof(SYSTEM_THREAD_INFORMATION) == 80);
+
+// Of the thread states, those that are told apart here.
+constexpr ULONG StateReady = 1; // has a processor or waits for one
+constexpr ULONG StateWait = 5;  // blocked
+
+NTSTATUS NtQueryInformationThread(HANDLE thread, THREADINFOCLASS informationClass, void* information, ULONG length,
+                                  ULONG* returnLength);
 
 // ---- Locks ---------------------------------------------------------------------------------------------------------
 
@@ -199,7 +230,10 @@ constexpr DWORD FILE_SHARE_READ = 1;
 constexpr DWORD FILE_SHARE_WRITE = 2;
 constexpr DWORD CREATE_ALWAYS = 2;
 constexpr DWORD OPEN_EXISTING = 3;
+constexpr DWORD FILE_ATTRIBUTE_DIRECTORY = 0x10;
+constexpr DWORD FILE_ATTRIBUTE_DEVICE = 0x40;
 constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
+constexpr DWORD INVALID_FILE_ATTRIBUTES = 0xFFFFFFFF;
 constexpr DWORD FILE_FLAG_OVERLAPPED = 0x40000000;
 constexpr DWORD FILE_FLAG_WRITE_THROUGH = 0x80000000;
 constexpr DWORD FILE_TYPE_UNKNOWN = 0;
@@ -218,6 +252,7 @@ BOOL ReadFile(HANDLE file, void* buffer, DWORD count, DWORD* transferred, OVERLA
 BOOL WriteFile(HANDLE file, const void* buffer, DWORD count, DWORD* transferred, OVERLAPPED* overlapped);
 BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* newPosition, DWORD method);
 BOOL SetEndOfFile(HANDLE file);
+DWORD GetFileAttributesA(LPCSTR name);
 DWORD GetFileType(HANDLE file);
 
 // ---- Named pipes and completion ports ------------------------------------------------------------------------------
@@ -322,7 +357,6 @@ BOOL CryptHashData(HCRYPTHASH hash, const BYTE* data, DWORD length, DWORD flags)
 BOOL CryptGetHashParam(HCRYPTHASH hash, DWORD parameter, BYTE* data, DWORD* length, DWORD flags);
 BOOL CryptDestroyHash(HCRYPTHASH hash);
 
-using NTSTATUS = LONG; // negative: failure
 using BCRYPT_HANDLE = void*;
 using BCRYPT_ALG_HANDLE = void*;
 using BCRYPT_KEY_HANDLE = void*;

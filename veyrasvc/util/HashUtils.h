@@ -1,0 +1,1 @@
+#include "veyrasvc/stream/HashUtils.h"
