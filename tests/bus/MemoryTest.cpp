@@ -1,6 +1,7 @@
 // What happens when memory or threads run out. A program of its own, because it replaces operator new.
 #include "tests/support/BusProgram.h"
 #include "tests/support/Starvation.h"
+#include "veyrasvc/bus/NamedPipeIOCP.h"
 
 #include <set>
 
@@ -77,6 +78,41 @@ TEST(MemoryTest, AFailingAllocationCostsOneConnectionAtMost) {
         struck = starvation.HasStruck();
     }
     EXPECT_TRUE(pair.IsServed());
+}
+
+class SendingServer : public IOCPServer {
+public:
+    ~SendingServer() { Stop(); }
+    bool OnNewConnection(IOCPContext* context) override {
+        m_connected.Put(context);
+        return true;
+    }
+    Mailbox<IOCPContext*> m_connected;
+};
+
+// A text is sent whole or not at all, or its connection ends; none stays open and mute.
+TEST(MemoryTest, ATextThatCannotBeSentLeavesItsConnectionUsable) {
+    const std::string text = Pattern(50'000);
+    bool struck = true;
+    for (std::size_t first = 1; struck; ++first) {
+        SendingServer server;
+        ASSERT_TRUE(server.Start());
+        RawPeer peer;
+        IOCPContext* const context = server.m_connected.Take().value();
+        bool sent = false;
+        {
+            const Starvation starvation(Starvation::Threads::Own, first);
+            sent = server.SendText(context, text.data(), static_cast<int>(text.size()));
+            struck = starvation.HasStruck();
+        }
+        const std::string all = (sent ? text : "") + "after";
+        if (server.SendText(context, "after", 5)) {
+            EXPECT_TRUE(peer.Read(all.size()) == all) << first;
+        } else {
+            EXPECT_FALSE(sent) << first;
+            peer.AwaitDrop();
+        }
+    }
 }
 
 TEST(MemoryTest, AHostWithoutThreadsRefusesAndCanBeStartedAgain) {

@@ -4,9 +4,11 @@
 #include "tests/support/LogCapture.h"
 #include "veyrasvc/bus/BasePacket.h"
 #include "veyrasvc/bus/ModuleMessageServer.h"
+#include "veyrasvc/bus/Router.h"
 #include "veyrasvc/util/ByteOrder.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <set>
 
 namespace Vantor::Sentrix {
@@ -154,6 +156,14 @@ protected:
 WatchedServer* RouterTest::s_server = nullptr;
 WatchedRouter* RouterTest::s_router = nullptr;
 
+// Of this process, where the system tells; else 0.
+std::size_t ThreadCount() {
+    const std::filesystem::path tasks = "/proc/self/task";
+    return std::filesystem::exists(tasks)
+               ? static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(tasks), {}))
+               : 0;
+}
+
 RawPacket Registration(const std::string& text, bool encrypted) {
     RawPacket packet = {.to = kServer, .from = kFirstPid, .msgId = kRegistration, .encrypted = encrypted, .body = text};
     EXPECT_TRUE(!encrypted || BasePacket::EncryptData(text.data(), text.size(), packet.body, packet.iv));
@@ -241,6 +251,63 @@ TEST_F(RouterTest, StatusQueriesAreAnsweredToTheAsker) {
         EXPECT_EQ(Describe(m_observer->NextFrame().value_or("")), answer);
     }
     EXPECT_EQ(Seen(*m_observer), Lines{});
+}
+
+// What is addressed to the router costs it a turn of its worker: no thread, no queue, no line for each.
+TEST_F(RouterTest, BurstsToTheRouterDrownNobody) {
+    constexpr std::size_t kMany = 20'000;
+    const std::string query =
+        RawPacket{.to = kServer, .from = 80, .msgId = kStatusQuery, .body = LittleEndian(900)}.Frame();
+    struct Case {
+        std::string frame;
+        Lines seen; // by the sender, for each
+    };
+    const Case cases[] = {
+        {query, {"on 900"}},
+        {RawPacket{.to = kServer, .from = 80, .msgId = 7, .body = "?"}.Frame(), {}},
+        {RawPacket{.to = 0, .from = 80, .msgId = 0, .body = ""}.Frame(), {}},
+        {RawFrame(""), {}},
+    };
+    const std::size_t threads = ThreadCount();
+    Peer& sender = Join(80);
+    Seen(sender);
+    LogCapture log;
+    GetLogger().setLogLevel(log4cplus::WARN_LOG_LEVEL);
+    for (const Case& one : cases) {
+        std::string burst;
+        Lines expected;
+        for (std::size_t i = 0; i < kMany; ++i) {
+            burst += one.frame;
+            expected.insert(expected.end(), one.seen.begin(), one.seen.end());
+        }
+        sender.Send(burst);
+        EXPECT_TRUE(Seen(sender) == expected) << &one - cases;
+        Peer& newcomer = Join(81);
+        EXPECT_EQ(Seen(newcomer), Lines{"+81"}) << &one - cases;
+        Leave(newcomer);
+        Seen(sender);
+        Seen(*m_observer);
+    }
+    EXPECT_EQ(ThreadCount(), threads);
+    const auto unhandled = [](const std::string& from) { return "fail to find async ipc message callback" + from; };
+    EXPECT_EQ(log.Count(log4cplus::WARN_LOG_LEVEL, unhandled(". messageid=7, m_moduleId=65536")), 10);
+    EXPECT_EQ(log.Count(log4cplus::WARN_LOG_LEVEL,
+                        "frames without a whole head are dropped. pid=" + std::to_string(kFirstPid + 2)),
+              1);
+    // The rest is summed up, in the end by a worker that has nothing else to do.
+    const auto isSum = [](const LogCapture::Line& line) {
+        return line.second.find("more messages") != std::string::npos;
+    };
+    log.Take();
+    sender.Send(cases[1].frame);
+    const auto end = std::chrono::steady_clock::now() + kAwaitLimit;
+    bool summed = false;
+    while (!summed && std::chrono::steady_clock::now() < end) {
+        std::this_thread::yield();
+        const auto lines = log.Take();
+        summed = std::any_of(lines.begin(), lines.end(), isSum);
+    }
+    EXPECT_TRUE(summed);
 }
 
 TEST_F(RouterTest, FramesGoWhereTheTableSendsThem) {

@@ -1,4 +1,4 @@
-// The process heap and the local heap: both are the C library's, so what one gave the other could free. And pages.
+// The local heap, which is the C library's, and pages.
 #include "veyrasvc/platform/posix/Handle.h"
 
 #include <sys/mman.h>
@@ -13,8 +13,6 @@ namespace Vantor::Sentrix::Platform {
 
 namespace {
 
-char heapTag; // its address names the one heap
-
 // How long each mapping is, which VirtualFree is not told.
 struct Mappings {
     std::mutex mutex;
@@ -27,26 +25,6 @@ Mappings& TheMappings() {
 }
 
 } // namespace
-
-HANDLE GetProcessHeap() {
-    return &heapTag;
-}
-
-void* HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes) {
-    if (heap != &heapTag) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return nullptr;
-    }
-    return (flags & HEAP_ZERO_MEMORY) != 0 ? std::calloc(1, bytes) : std::malloc(bytes);
-}
-
-BOOL HeapFree(HANDLE heap, DWORD /*flags*/, void* block) {
-    if (heap != &heapTag) {
-        return Fail(ERROR_INVALID_HANDLE);
-    }
-    std::free(block);
-    return TRUE;
-}
 
 HLOCAL LocalAlloc(UINT flags, SIZE_T bytes) {
     if (flags != LPTR && flags != 0) {

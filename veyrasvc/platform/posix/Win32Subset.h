@@ -201,12 +201,8 @@ BOOL ReleaseMutex(HANDLE mutex);
 
 // ---- Memory --------------------------------------------------------------------------------------------------------
 
-constexpr DWORD HEAP_ZERO_MEMORY = 0x8;
 constexpr UINT LPTR = 0x40; // fixed and zero-filled
 
-HANDLE GetProcessHeap();
-void* HeapAlloc(HANDLE heap, DWORD flags, SIZE_T bytes);
-BOOL HeapFree(HANDLE heap, DWORD flags, void* block);
 HLOCAL LocalAlloc(UINT flags, SIZE_T bytes);
 HLOCAL LocalFree(HLOCAL block);
 
