@@ -51,7 +51,7 @@ struct Hold {
 };
 
 // Its first read stands still as long as the test wants.
-class HeldRouter : public Router {
+class HeldRouter final : public Router {
 public:
     explicit HeldRouter(Hold& hold) : m_hold(hold) {}
     ~HeldRouter() { m_hold.routersGone.Add(); }

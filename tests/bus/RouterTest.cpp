@@ -4,7 +4,6 @@
 #include "tests/support/LogCapture.h"
 #include "veyrasvc/bus/BasePacket.h"
 #include "veyrasvc/bus/ModuleMessageServer.h"
-#include "veyrasvc/bus/Router.h"
 #include "veyrasvc/util/ByteOrder.h"
 
 #include <algorithm>
@@ -25,7 +24,7 @@ constexpr std::uint32_t kNobody = 0xDEAD;       // never registered
 constexpr std::uint32_t kFirstPid = 0x7F000001; // above all process ids of the system
 
 // A router that tells how many connections it has.
-class WatchedRouter : public Router {
+class WatchedRouter final : public Router {
 public:
     bool OnNewConnection(IOCPContext* context) override {
         const bool accepted = Router::OnNewConnection(context);

@@ -55,7 +55,7 @@ TEST(FileItemsTest, AnItemHasItsFieldsInOrder) {
 TEST(FileItemsTest, AListEndsWhereItsBytesDo) {
     const std::string one = Bytes(Sample());
     for (const std::string& count : {"\0\0\0\0"s, "\0\0\0\1"s, "\0\0\0\3"s, "\xFF\xFF\xFF\xFF"s}) {
-        const std::string list = count + one + one;
+        const std::string list = std::string(count).append(one).append(one);
         const std::size_t announced = static_cast<unsigned char>(list[3]);
         for (std::size_t length = 0; length <= list.size(); ++length) {
             LogCapture log;
