@@ -16,11 +16,12 @@ namespace Vantor::Sentrix {
 //
 // Threads: any. Hooks run on pool threads, several at a time and beside any operation; the item's data is valid during
 // the hook. They may run as soon as the base is made, before the subclass's own members are: only what a start has
-// asked for comes then, so start nothing before the object is whole. Lifetime: a subclass calls EndHooks() first in its
-// destructor, else a hook may use members that are gone. The destructor is not virtual: delete a subclass as what it
-// is, never through a pointer to this class. Fails: no answer or no bus is an empty text or list, or -1, and a log
-// line; nothing is tried again. An answer of the wrong shape may throw, see each operation. Requires: every deviceInfo
-// is non-null.
+// asked for comes then, so start nothing before the object is whole.
+// Lifetime: a subclass calls EndHooks() first in its destructor, else a hook may use members that are gone. The
+// destructor is not virtual: delete a subclass as what it is, never through a pointer to this class.
+// Fails: no answer or no bus is an empty text or list, or -1, and a log line; nothing is tried again. An answer of the
+// wrong shape may throw, see each operation.
+// Requires: every deviceInfo is non-null.
 class VEYRASVC_API DFSClient {
 public:
     // `moduleId`: the caller's own.
