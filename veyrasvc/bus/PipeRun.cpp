@@ -63,11 +63,16 @@ bool PipeRun::Begin() {
         return false;
     }
     static_cast<void>(workersShare.release()); // the worker's
-    for (std::int64_t i = 0; i < kAcceptCount && !m_lacksPlaces; ++i) {
-        IOCPBuffer* buffer = AllocateBuffer(kPipeIoBytes);
-        m_lacksPlaces = buffer == nullptr || !PostAccept(*buffer);
+    std::int64_t places = 0;
+    for (; places < kAcceptCount; ++places) {
+        IOCPBuffer* const buffer = AllocateBuffer(kPipeIoBytes);
+        if (buffer == nullptr || !PostAccept(*buffer)) {
+            break;
+        }
     }
-    if (m_lacksPlaces) { // the worker, which may sleep without a limit, tries again
+    // With none at all the name is not to be had. Else the worker, which may sleep without a limit, tries again.
+    if (places > 0 && places < kAcceptCount) {
+        m_lacksPlaces = true;
         PostQueuedCompletionStatus(m_completionPort, 0, 0, nullptr);
     }
     return true;
