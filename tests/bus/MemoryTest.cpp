@@ -102,11 +102,11 @@ TEST(MemoryTest, ATextThatCannotBeSentLeavesItsConnectionUsable) {
         bool sent = false;
         {
             const Starvation starvation(Starvation::Threads::Own, first);
-            sent = server.SendText(context, text.data(), static_cast<int>(text.size()));
+            sent = SendingServer::SendText(context, text.data(), static_cast<int>(text.size()));
             struck = starvation.HasStruck();
         }
         const std::string all = (sent ? text : "") + "after";
-        if (server.SendText(context, "after", 5)) {
+        if (SendingServer::SendText(context, "after", 5)) {
             EXPECT_TRUE(peer.Read(all.size()) == all) << first;
         } else {
             EXPECT_FALSE(sent) << first;
