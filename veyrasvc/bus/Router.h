@@ -28,7 +28,7 @@ namespace Vantor::Sentrix {
 class Router : public PipeEvents {
 public:
     Router() = default;
-    ~Router();
+    virtual ~Router();
     Router(const Router&) = delete;
     Router& operator=(const Router&) = delete;
 
