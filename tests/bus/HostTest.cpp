@@ -54,7 +54,7 @@ struct Hold {
 class HeldRouter final : public Router {
 public:
     explicit HeldRouter(Hold& hold) : m_hold(hold) {}
-    ~HeldRouter() { m_hold.routersGone.Add(); }
+    ~HeldRouter() override { m_hold.routersGone.Add(); }
     void OnRecvData(IOCPContext* context, IOCPBuffer* buffer) override {
         if (m_hold.wanted.exchange(false)) {
             m_hold.reached.Add();
