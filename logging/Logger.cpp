@@ -1,10 +1,13 @@
 #include "logging/Logger.h"
 
+#include "logging/LoggerLink.h"
+
 #include <log4cplus/appender.h>
 #include <log4cplus/configurator.h>
 #include <log4cplus/consoleappender.h>
 #include <log4cplus/initializer.h>
 #include <log4cplus/layout.h>
+#include <log4cplus/loggingmacros.h>
 #include <log4cplus/loglevel.h>
 #include <log4cplus/spi/loggingevent.h>
 #include <log4cplus/streams.h>
@@ -15,12 +18,18 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <string>
 #include <thread>
 
 namespace Vantor::Sentrix {
 
 namespace {
+
+static_assert(static_cast<int>(LogLevel::Debug) == log4cplus::DEBUG_LOG_LEVEL);
+static_assert(static_cast<int>(LogLevel::Info) == log4cplus::INFO_LOG_LEVEL);
+static_assert(static_cast<int>(LogLevel::Warn) == log4cplus::WARN_LOG_LEVEL);
+static_assert(static_cast<int>(LogLevel::Error) == log4cplus::ERROR_LOG_LEVEL);
 
 std::atomic<bool> gateClosed{false};
 std::atomic<int> passesHeld{0};
@@ -36,6 +45,34 @@ void CloseGate() {
         std::this_thread::yield();
     }
 }
+
+// A pass through the exit gate: a statement holds one while it writes, and the exit waits for the passes that are held,
+// so that log4cplus never ends under a statement.
+class LogPass {
+public:
+    LogPass() {
+        passesHeld.fetch_add(1);
+        m_open = !gateClosed.load();
+    }
+    ~LogPass() { passesHeld.fetch_sub(1); }
+    LogPass(const LogPass&) = delete;
+    LogPass& operator=(const LogPass&) = delete;
+
+    // False once the process exits.
+    bool Open() const { return m_open; }
+
+private:
+    bool m_open;
+};
+
+// While it lives, what its thread logs is routine: the default output leaves it out, every other appender gets it.
+class RoutineMark {
+public:
+    explicit RoutineMark(bool isRoutine) { isRoutineWritten = isRoutine; }
+    ~RoutineMark() { isRoutineWritten = false; }
+    RoutineMark(const RoutineMark&) = delete;
+    RoutineMark& operator=(const RoutineMark&) = delete;
+};
 
 log4cplus::tstring Wide(const std::string& text) {
     return log4cplus::tstring(text.begin(), text.end());
@@ -84,7 +121,7 @@ log4cplus::LogLevel ChosenLevel() {
     const auto level =
         name.empty() ? log4cplus::NOT_SET_LOG_LEVEL : log4cplus::getLogLevelManager().fromString(Wide(name));
     if (!name.empty() && level == log4cplus::NOT_SET_LOG_LEVEL) {
-        std::cerr << "veyrasvc: VEYRA_LOG_LEVEL names no level: " << name << '\n';
+        std::cerr << kNoSuchLevel << name << '\n';
     }
     return level;
 }
@@ -100,7 +137,7 @@ log4cplus::Logger* MakeLogger() {
         log4cplus::PropertyConfigurator::doConfigure(Wide(config));
     } else {
         if (!config.empty()) {
-            std::cerr << "veyrasvc: VEYRA_LOG_CONFIG cannot be read: " << config << '\n';
+            std::cerr << kNoSuchConfiguration << config << '\n';
         }
         LogToStandardError(*logger, level != log4cplus::NOT_SET_LOG_LEVEL);
     }
@@ -118,25 +155,49 @@ log4cplus::Logger& GetLogger() {
     return *logger;
 }
 
-bool IsLoggingOpen() noexcept {
-    return !gateClosed.load(std::memory_order_relaxed);
-}
-
-LogPass::LogPass() {
-    passesHeld.fetch_add(1);
-    m_open = !gateClosed.load();
-}
-
-LogPass::~LogPass() {
-    passesHeld.fetch_sub(1);
-}
-
-RoutineMark::RoutineMark(bool isRoutine) {
-    isRoutineWritten = isRoutine;
-}
-
-RoutineMark::~RoutineMark() {
-    isRoutineWritten = false;
-}
-
 } // namespace Vantor::Sentrix
+
+// How the library's statements reach the logger.
+extern "C" {
+LOGGING_API void VeyraOpenLog() noexcept;
+LOGGING_API bool VeyraIsLogEnabled(Vantor::Sentrix::LogLevel level) noexcept;
+LOGGING_API void VeyraWriteLog(Vantor::Sentrix::LogLevel level, const char* text,
+                               const Vantor::Sentrix::CallSite* where, bool isRoutine) noexcept;
+}
+
+void VeyraOpenLog() noexcept {
+    using namespace Vantor::Sentrix;
+    try {
+        std::ifstream configuration(Environment("VEYRA_LOG_CONFIG"));
+        const std::string text((std::istreambuf_iterator<char>(configuration)), std::istreambuf_iterator<char>());
+        if (text.find("AsyncAppend") == std::string::npos) {
+            const log4cplus::Initializer endsThreads; // log4cplus does without its pool until a configuration names it
+        }
+    } catch (...) { // NOLINT(bugprone-empty-catch): then the threads stay
+    }
+}
+
+bool VeyraIsLogEnabled(Vantor::Sentrix::LogLevel level) noexcept {
+    using namespace Vantor::Sentrix;
+    try {
+        return !gateClosed.load(std::memory_order_relaxed) &&
+               GetLogger().isEnabledFor(static_cast<log4cplus::LogLevel>(level));
+    } catch (...) {
+        return false;
+    }
+}
+
+void VeyraWriteLog(Vantor::Sentrix::LogLevel level, const char* text, const Vantor::Sentrix::CallSite* where,
+                   bool isRoutine) noexcept {
+    using namespace Vantor::Sentrix;
+    try {
+        const LogPass pass;
+        if (!pass.Open()) {
+            return;
+        }
+        const RoutineMark mark(isRoutine);
+        log4cplus::detail::macro_forced_log(GetLogger(), static_cast<log4cplus::LogLevel>(level), Wide(text),
+                                            where->file, where->line, where->function);
+    } catch (...) { // NOLINT(bugprone-empty-catch): logging never fails the operation that logs
+    }
+}

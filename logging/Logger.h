@@ -6,6 +6,9 @@
 // With neither, WARN and above go to standard error, each line in one piece; one that cannot be written is lost. What a
 // healthy bus says at these levels is left out unless a level is named. A file that cannot be read or a level that does
 // not exist is reported there too, and the default holds.
+//
+// A program that links this library has log4cplus's threads from its start. The bus does not need it: without it the
+// library writes the same default output by itself, and loads this library only where VEYRA_LOG_CONFIG asks for it.
 #pragma once
 
 #include "logging/Export.h"
@@ -18,32 +21,5 @@ namespace Vantor::Sentrix {
 // Threads: any; the first calls may race.
 // Lifetime: also usable while the process exits. Once log4cplus begins to shut down, statements are dropped.
 LOGGING_API log4cplus::Logger& GetLogger();
-
-// False once the process exits and statements are dropped: a look without a pass, for checking a level.
-LOGGING_API bool IsLoggingOpen() noexcept;
-
-// A pass through the exit gate: a statement holds one while it writes. `Open()` is false once the process exits, and
-// the exit waits for the passes that are held, so that log4cplus never ends under a statement.
-class LOGGING_API LogPass {
-public:
-    LogPass();
-    ~LogPass();
-    LogPass(const LogPass&) = delete;
-    LogPass& operator=(const LogPass&) = delete;
-
-    bool Open() const { return m_open; }
-
-private:
-    bool m_open;
-};
-
-// While it lives, what its thread logs is routine: the default output leaves it out, every other appender gets it.
-class LOGGING_API RoutineMark {
-public:
-    explicit RoutineMark(bool isRoutine);
-    ~RoutineMark();
-    RoutineMark(const RoutineMark&) = delete;
-    RoutineMark& operator=(const RoutineMark&) = delete;
-};
 
 } // namespace Vantor::Sentrix

@@ -1,7 +1,7 @@
 // veyra: the operator's program of the message bus.
-#include "logging/Logger.h"
 #include "tools/support/Program.h"
 #include "tools/veyra/Verbs.h"
+#include "veyrasvc/platform/Win32.h"
 
 #include <CLI/CLI.hpp>
 
@@ -25,11 +25,11 @@ constexpr char kFooter[] = "Ids are decimal, or hexadecimal after 0x. Data goes 
                            "error.\nExit codes: 0 done, 1 failed, 2 wrong usage.";
 
 // A verb that asks for one thing says itself what came of it; the library's warnings would say it twice.
-void QuietLog(log4cplus::LogLevel level) {
+void QuietLog(const wchar_t* level) {
     const bool chosen = std::getenv("VEYRA_LOG_LEVEL") != nullptr || // NOLINT(concurrency-mt-unsafe): one thread yet
                         std::getenv("VEYRA_LOG_CONFIG") != nullptr;  // NOLINT(concurrency-mt-unsafe)
     if (!chosen) {
-        GetLogger().setLogLevel(level);
+        SetEnvironmentVariableW(L"VEYRA_LOG_LEVEL", level);
     }
 }
 
@@ -44,10 +44,10 @@ int Run(int argc, char** argv) {
     if (const auto exitCode = Support::ParseArguments(program, argc, argv)) {
         return *exitCode;
     }
-    if (program.got_subcommand("bench-worker")) {
-        QuietLog(log4cplus::FATAL_LOG_LEVEL); // a host tells of its start as an error
+    if (program.got_subcommand("bench") || program.got_subcommand("bench-worker")) {
+        QuietLog(L"FATAL"); // a host tells of its start as an error
     } else if (!program.got_subcommand("serve") && !program.got_subcommand("listen")) {
-        QuietLog(log4cplus::ERROR_LOG_LEVEL);
+        QuietLog(L"ERROR");
     }
     return RunChosen(verbs);
 }

@@ -1,27 +1,21 @@
 // The library's log statements: LOG_DEBUG("msgId=" << id), and the same for INFO, WARN and ERROR.
 //
-// The text is composed in a narrow stream with fixed notation and six decimals, widened character by character into
-// the logger's string type and emitted with source file, line and the enclosing function's signature. A statement at a
-// disabled level costs the level check and composes nothing. An exception raised by the composition or by an appender
-// is dropped: logging never fails the operation that logs.
+// The text is composed in a narrow stream with fixed notation and six decimals and emitted with source file, line and
+// the enclosing function's signature. A statement at a disabled level costs the level check and composes nothing. An
+// exception raised by the composition or by an appender is dropped: logging never fails the operation that logs.
+//
+// The first look at a level decides for good where statements go: to the process's logger, when a program brought the
+// logging library along or VEYRA_LOG_CONFIG names a file that can be read (the library is then loaded), or else to the
+// default output, which needs no log4cplus and no thread.
 // Threads: any.
 #pragma once
 
+#include "logging/LoggerLink.h"
 #include "veyrasvc/platform/Export.h"
 
 #include <sstream>
 
 namespace Vantor::Sentrix {
-
-// log4cplus's levels, without its headers in every file that logs.
-enum class LogLevel : int { Debug = 10000, Info = 20000, Warn = 30000, Error = 40000 };
-
-// Where a statement stands, or the operation on whose behalf it is made.
-struct CallSite {
-    const char* file;
-    int line;
-    const char* function; // its full signature
-};
 
 // True when a statement of that level would be written.
 bool IsLogEnabled(LogLevel level) noexcept;
@@ -29,8 +23,7 @@ bool IsLogEnabled(LogLevel level) noexcept;
 // A stream in the notation of the log.
 std::ostringstream ComposeLogText();
 
-// Hands a composed text to the shared logger. `isRoutine`: what a healthy bus says, which the default output leaves
-// out.
+// Hands on a composed text. `isRoutine`: what a healthy bus says, which the default output leaves out.
 void EmitLog(LogLevel level, const std::ostringstream& text, const CallSite& where, bool isRoutine);
 
 } // namespace Vantor::Sentrix

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 namespace Vantor::Sentrix::Platform {
 
@@ -41,6 +42,21 @@ BOOL SetEnvironmentVariableW(LPCWSTR name, LPCWSTR value) {
                            ? unsetenv(narrowName.c_str())                        // NOLINT(concurrency-mt-unsafe)
                            : setenv(narrowName.c_str(), narrowValue.c_str(), 1); // NOLINT(concurrency-mt-unsafe)
     return result == 0 ? TRUE : Fail(ErrorFromErrno(errno));
+}
+
+DWORD GetEnvironmentVariableA(LPCSTR name, char* value, DWORD size) {
+    const std::lock_guard guard(EnvironmentMutex());
+    const char* found = name == nullptr ? nullptr : std::getenv(name); // NOLINT(concurrency-mt-unsafe)
+    if (found == nullptr) {
+        SetLastError(name == nullptr ? ERROR_INVALID_PARAMETER : ERROR_ENVVAR_NOT_FOUND);
+        return 0;
+    }
+    const std::size_t length = std::strlen(found);
+    if (length >= size) {
+        return static_cast<DWORD>(length + 1);
+    }
+    std::memcpy(value, found, length + 1);
+    return static_cast<DWORD>(length);
 }
 
 } // namespace Vantor::Sentrix::Platform

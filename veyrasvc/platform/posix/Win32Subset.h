@@ -50,6 +50,17 @@ struct FILETIME {
     DWORD dwHighDateTime;
 };
 
+struct SYSTEMTIME {
+    WORD wYear;
+    WORD wMonth;
+    WORD wDayOfWeek;
+    WORD wDay;
+    WORD wHour;
+    WORD wMinute;
+    WORD wSecond;
+    WORD wMilliseconds;
+};
+
 struct SECURITY_ATTRIBUTES {
     DWORD nLength;
     void* lpSecurityDescriptor;
@@ -91,7 +102,10 @@ constexpr DWORD ERROR_SEM_TIMEOUT = 121;
 constexpr DWORD ERROR_INSUFFICIENT_BUFFER = 122;
 constexpr DWORD ERROR_INVALID_NAME = 123;
 constexpr DWORD ERROR_INVALID_LEVEL = 124;
+constexpr DWORD ERROR_MOD_NOT_FOUND = 126;
+constexpr DWORD ERROR_PROC_NOT_FOUND = 127;
 constexpr DWORD ERROR_ALREADY_EXISTS = 183;
+constexpr DWORD ERROR_ENVVAR_NOT_FOUND = 203;
 constexpr DWORD ERROR_PIPE_BUSY = 231;
 constexpr DWORD ERROR_PIPE_NOT_CONNECTED = 233;
 constexpr DWORD ERROR_MORE_DATA = 234;
@@ -140,6 +154,7 @@ DWORD GetCurrentProcessId();
 HANDLE OpenThread(DWORD access, BOOL inheritHandle, DWORD threadId);
 void Sleep(DWORD milliseconds);
 DWORD GetTickCount();
+void GetLocalTime(SYSTEMTIME* now);
 BOOL QueueUserWorkItem(LPTHREAD_START_ROUTINE function, void* context, ULONG flags);
 
 using NTSTATUS = LONG; // negative: failure
@@ -426,6 +441,16 @@ BOOL SetHandleInformation(HANDLE handle, DWORD mask, DWORD flags);
 HANDLE GetStdHandle(DWORD which);
 DWORD GetModuleFileNameW(HANDLE module, LPWSTR path, DWORD size);
 BOOL SetEnvironmentVariableW(LPCWSTR name, LPCWSTR value);
+DWORD GetEnvironmentVariableA(LPCSTR name, char* value, DWORD size);
+
+// ---- Libraries -----------------------------------------------------------------------------------------------------
+
+using HMODULE = void*;
+using FARPROC = std::intptr_t (*)();
+
+HMODULE GetModuleHandleA(LPCSTR name);
+HMODULE LoadLibraryA(LPCSTR name);
+FARPROC GetProcAddress(HMODULE library, LPCSTR name);
 
 // ---- Accounts ------------------------------------------------------------------------------------------------------
 
