@@ -55,6 +55,32 @@ TEST(FileTest, OpensForThoseWhomSharingLetsInAndTellsTheOthersWhy) {
     std::filesystem::remove_all(folder);
 }
 
+TEST(FileTest, WhoHasAFileOpenSaysWhatOthersMayDoWithIt) {
+    const auto path = std::filesystem::temp_directory_path() / ("veyra-share-" + std::to_string(GetCurrentProcessId()));
+    CloseHandle(Open(path.wstring(), GENERIC_WRITE, 0, CREATE_ALWAYS));
+    constexpr DWORD kAccesses[] = {GENERIC_READ, GENERIC_WRITE, kReadWrite};
+    constexpr DWORD kShares[] = {0, FILE_SHARE_READ, FILE_SHARE_WRITE, kShareAll};
+    const auto lets = [](DWORD share, DWORD access) {
+        return ((access & GENERIC_READ) == 0 || (share & FILE_SHARE_READ) != 0) &&
+               ((access & GENERIC_WRITE) == 0 || (share & FILE_SHARE_WRITE) != 0);
+    };
+    for (const DWORD access : kAccesses) {
+        for (const DWORD share : kShares) {
+            const HANDLE holder = Open(path.wstring(), access, share, OPEN_EXISTING);
+            ASSERT_NE(holder, INVALID_HANDLE_VALUE) << "the holder before has closed the file";
+            for (const DWORD newAccess : kAccesses) {
+                for (const DWORD newShare : kShares) {
+                    const bool fits = lets(share, newAccess) && lets(newShare, access);
+                    EXPECT_EQ(TryOpen(path.wstring(), newAccess, newShare), fits ? NO_ERROR : ERROR_SHARING_VIOLATION)
+                        << std::hex << access << '/' << share << " then " << newAccess << '/' << newShare;
+                }
+            }
+            CloseHandle(holder);
+        }
+    }
+    std::filesystem::remove(path);
+}
+
 TEST(FileTest, TellsFilesFromPipes) {
     const auto path = std::filesystem::temp_directory_path() / ("veyra-type-" + std::to_string(GetCurrentProcessId()));
     HANDLE ends[2];

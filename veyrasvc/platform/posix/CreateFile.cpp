@@ -1,17 +1,18 @@
 // CreateFileA and CreateFileW: opening files, and the way to the client end of a pipe.
 #include "veyrasvc/platform/posix/File.h"
 #include "veyrasvc/platform/posix/PipeClient.h"
+#include "veyrasvc/platform/posix/ShareMode.h"
 #include "veyrasvc/platform/posix/UniqueFd.h"
 #include "veyrasvc/platform/posix/Utf8.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cwchar>
 #include <string>
+#include <utility>
 
 namespace Vantor::Sentrix::Platform {
 
@@ -81,15 +82,8 @@ DWORD OpenError(int error, const std::string& path) {
     return ErrorFromErrno(error);
 }
 
-// A file that somebody opened without sharing is kept from all others, by a lock on the open file. File systems
-// without such locks share everything.
-bool ClaimShare(int descriptor, DWORD share) {
-    const int kind = (share & (FILE_SHARE_READ | FILE_SHARE_WRITE)) == 0 ? LOCK_EX : LOCK_SH;
-    return flock(descriptor, kind | LOCK_NB) == 0 || errno != EWOULDBLOCK;
-}
-
 // The checks that need the opened file; NO_ERROR when it may be used.
-DWORD Settle(int descriptor, DWORD share, DWORD disposition) {
+DWORD Settle(int descriptor, DWORD access, DWORD share, DWORD disposition, UniqueFd& marks) {
     struct stat status {};
     if (fstat(descriptor, &status) != 0) {
         return ErrorFromErrno(errno);
@@ -100,7 +94,7 @@ DWORD Settle(int descriptor, DWORD share, DWORD disposition) {
     if (!S_ISREG(status.st_mode)) {
         return NO_ERROR;
     }
-    if (!ClaimShare(descriptor, share)) {
+    if (!ClaimShare(descriptor, access, share, marks)) {
         return ERROR_SHARING_VIOLATION;
     }
     if (disposition == CREATE_ALWAYS && status.st_size > 0 && ftruncate(descriptor, 0) != 0) {
@@ -125,11 +119,14 @@ HANDLE OpenRegularFile(const std::string& path, DWORD access, DWORD share, const
     if (!descriptor.Valid()) {
         return Failed(OpenError(errno, path));
     }
-    if (const DWORD error = Settle(descriptor.Get(), share, disposition); error != NO_ERROR) {
+    UniqueFd marks;
+    const DWORD error = Settle(descriptor.Get(), ReadWriteBits(access), share, disposition, marks);
+    if (error != NO_ERROR) {
         return Failed(error);
     }
     const bool inheritable = attributes != nullptr && attributes->bInheritHandle != FALSE;
-    const HANDLE handle = AddHandle(std::make_shared<File>(descriptor.Release(), ReadWriteBits(access), inheritable));
+    const HANDLE handle = AddHandle(std::make_shared<File>(descriptor.Release(), ReadWriteBits(access), inheritable,
+                                                           File::Ownership::kOwned, std::move(marks)));
     if (handle == nullptr) {
         return INVALID_HANDLE_VALUE;
     }

@@ -77,9 +77,9 @@ off_t OffsetOf(const OVERLAPPED& overlapped) {
 
 } // namespace
 
-File::File(int descriptor, DWORD access, bool inheritable, Ownership ownership)
-    : m_descriptor(descriptor), m_access(access), m_ownership(ownership), m_isStream(IsStream(descriptor)),
-      m_inheritable(inheritable) {}
+File::File(int descriptor, DWORD access, bool inheritable, Ownership ownership, UniqueFd marks)
+    : m_descriptor(descriptor), m_access(access), m_ownership(ownership), m_marks(std::move(marks)),
+      m_isStream(IsStream(descriptor)), m_inheritable(inheritable) {}
 
 File::~File() {
     if (m_ownership == Ownership::kOwned) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "veyrasvc/platform/posix/IoObject.h"
+#include "veyrasvc/platform/posix/UniqueFd.h"
 
 #include <atomic>
 
@@ -12,8 +13,9 @@ class File final : public IoObject {
 public:
     enum class Ownership { kOwned, kBorrowed };
 
-    // Owns: the descriptor, unless it is borrowed. `access` is any of GENERIC_READ and GENERIC_WRITE.
-    File(int descriptor, DWORD access, bool inheritable, Ownership ownership = Ownership::kOwned);
+    // Owns: the descriptor, unless it is borrowed, and what marks the file as open (ShareMode.h). `access` is any of
+    // GENERIC_READ and GENERIC_WRITE.
+    File(int descriptor, DWORD access, bool inheritable, Ownership ownership = Ownership::kOwned, UniqueFd marks = {});
     ~File() override;
 
     BOOL Read(void* buffer, DWORD count, DWORD* transferred, OVERLAPPED* overlapped) override;
@@ -34,6 +36,7 @@ private:
     const int m_descriptor;
     const DWORD m_access;
     const Ownership m_ownership;
+    const UniqueFd m_marks;
     const bool m_isStream; // a pipe or socket: no position, and its end is an error
     std::atomic<bool> m_inheritable;
 };
