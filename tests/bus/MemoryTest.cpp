@@ -32,6 +32,17 @@ struct InnocentPair {
     RawPeer answerer;
 };
 
+// While the host has one place at a time, Windows may open it to a client before the host listens on it; the host drops
+// that client, who comes again.
+bool AwaitPair() {
+    const auto end = std::chrono::steady_clock::now() + kAwaitLimit;
+    bool isServed = false;
+    while (!isServed && std::chrono::steady_clock::now() < end) {
+        isServed = InnocentPair().IsServed();
+    }
+    return isServed;
+}
+
 TEST(MemoryTest, AHostWithoutMemoryRefusesOrServes) {
     std::set<bool> outcomes;
     bool struck = true;
@@ -45,7 +56,7 @@ TEST(MemoryTest, AHostWithoutMemoryRefusesOrServes) {
         const bool serves = IsIPCServerPresent(1);
         outcomes.insert(serves);
         if (serves) {
-            EXPECT_TRUE(InnocentPair().IsServed()) << first;
+            EXPECT_TRUE(AwaitPair()) << first;
         }
         server.Stop();
         EXPECT_TRUE(server.Start()) << first;
