@@ -101,14 +101,14 @@ std::optional<std::string> CutRawFrame(std::string& held, bool& corrupt) {
 
 // ---- The peer ------------------------------------------------------------------------------------------------------
 
-RawPeer::RawPeer() {
+RawPeer::RawPeer(Place place) {
     m_overlapped.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     // Between the wait and the opening somebody else may take the place.
     while (m_pipe == INVALID_HANDLE_VALUE && WaitNamedPipeW(kPipe, kLimitMs) != FALSE) {
         m_pipe =
             CreateFileW(kPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
     }
-    EXPECT_TRUE(IsOpen()) << "no place on the pipe: " << GetLastError();
+    EXPECT_TRUE(IsOpen() || place == Place::Tried) << "no place on the pipe: " << GetLastError();
 }
 
 RawPeer::~RawPeer() {
@@ -134,7 +134,7 @@ DWORD RawPeer::Complete(BOOL started) {
 
 bool RawPeer::Send(const std::string& bytes) {
     const auto size = static_cast<DWORD>(bytes.size());
-    return Complete(WriteFile(m_pipe, bytes.data(), size, nullptr, &m_overlapped)) == size;
+    return IsOpen() && Complete(WriteFile(m_pipe, bytes.data(), size, nullptr, &m_overlapped)) == size;
 }
 
 bool RawPeer::Register(std::uint32_t pid, const std::string& text) {
@@ -142,7 +142,7 @@ bool RawPeer::Register(std::uint32_t pid, const std::string& text) {
 }
 
 bool RawPeer::ReadMore() {
-    const DWORD got = Complete(ReadFile(m_pipe, m_buffer, sizeof m_buffer, nullptr, &m_overlapped));
+    const DWORD got = !IsOpen() ? 0 : Complete(ReadFile(m_pipe, m_buffer, sizeof m_buffer, nullptr, &m_overlapped));
     m_held.append(m_buffer, got);
     return got > 0;
 }

@@ -41,7 +41,8 @@ std::optional<std::string> CutRawFrame(std::string& held, bool& corrupt);
 class RawPeer {
 public:
     // Connects, waiting for a free place. A peer that could not is closed.
-    RawPeer();
+    enum class Place { Expected, Tried };
+    explicit RawPeer(Place place = Place::Expected);
     ~RawPeer();
     RawPeer(const RawPeer&) = delete;
     RawPeer& operator=(const RawPeer&) = delete;
