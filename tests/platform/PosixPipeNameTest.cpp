@@ -3,6 +3,7 @@
 #include "tests/platform/Pipes.h"
 #include "tools/support/ChildProcess.h"
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -52,6 +53,17 @@ void Connect(const std::string& name, const std::string& account) {
     Say(!changed ? "is not that account" : read ? "admitted" : "refused");
 }
 
+int ConnectSocket(int peer, const std::wstring& pipe, const std::string& space) {
+    const std::string folder = "\\\\.\\pipe\\Veyra Test";
+    const std::string path =
+        Narrow(pipe).replace(0, folder.size(), std::string(1, '\0') + "veyrasvc/" + space + "/veyra test");
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.data(), path.size());
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+    return connect(peer, reinterpret_cast<const sockaddr*>(&address), length);
+}
+
 // ---- The tests -----------------------------------------------------------------------------------------------------
 
 TEST(PosixPipeNameTest, APipeIsASocketOfItsNamespaceWithNothingButItsBytes) {
@@ -64,15 +76,8 @@ TEST(PosixPipeNameTest, APipeIsASocketOfItsNamespaceWithNothingButItsBytes) {
     EXPECT_FALSE(WaitNamedPipeW(name.c_str(), 1));
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
 
-    const std::string folder = "\\\\.\\pipe\\Veyra Test";
-    const std::string path =
-        Narrow(name).replace(0, folder.size(), std::string(1, '\0') + "veyrasvc/elsewhere/veyra test");
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), path.size());
     const int peer = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
-    ASSERT_EQ(connect(peer, reinterpret_cast<const sockaddr*>(&address), length), 0) << path.substr(1);
+    ASSERT_EQ(ConnectSocket(peer, name, "elsewhere"), 0);
     EXPECT_EQ(Next(port).overlapped, &accept);
     char buffer[8];
     OVERLAPPED transfers[2]{};
@@ -85,6 +90,32 @@ TEST(PosixPipeNameTest, APipeIsASocketOfItsNamespaceWithNothingButItsBytes) {
     EXPECT_EQ(recv(peer, buffer, sizeof buffer, 0), 4);
     EXPECT_EQ(std::string(buffer, 4), "wxyz");
     close(peer);
+}
+
+TEST(PosixPipeNameTest, WithoutDescriptorsAClientIsTurnedAwayAtOnce) {
+    const std::wstring name = UniquePipeName();
+    const Owned port = NewPort();
+    OVERLAPPED accepts[2];
+    const Owned pipes[] = {NewInstance(name, port, accepts[0]), NewInstance(name, port, accepts[1])};
+    const int peers[] = {socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0),
+                         socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    rlimit plenty{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &plenty), 0);
+    const int lowestFree = dup(peers[0]);
+    close(lowestFree);
+    const rlimit none{static_cast<rlim_t>(lowestFree), plenty.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_EQ(ConnectSocket(peers[0], name, "local"), 0);
+    const Completion refused = Next(port);
+    EXPECT_TRUE(refused.overlapped == &accepts[0] && refused.error == ERROR_TOO_MANY_OPEN_FILES) << refused.error;
+    char byte = 0;
+    EXPECT_EQ(recv(peers[0], &byte, 1, 0), 0) << "it learns that at once";
+    setrlimit(RLIMIT_NOFILE, &plenty);
+    EXPECT_EQ(ConnectSocket(peers[1], name, "local"), 0);
+    const Completion served = Next(port);
+    EXPECT_TRUE(served.succeeded && served.overlapped == &accepts[1]);
+    close(peers[0]);
+    close(peers[1]);
 }
 
 TEST(PosixPipeNameTest, ANameBelongsToOneProcessAndGoesWithIt) {
