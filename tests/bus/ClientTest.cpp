@@ -108,12 +108,6 @@ TEST_F(ClientTest, AnswersComeByAllThreeForms) {
     }
 }
 
-TEST_F(ClientTest, WaitsEndWithoutAnAnswer) {
-    const Client client(kMe);
-    EXPECT_FALSE(Ask(client, kNobody)) << "nobody is there, which the server tells at once";
-    EXPECT_FALSE(Ask(client, kEchoModule, "?", 0, kHold, 1));
-}
-
 TEST_F(ClientTest, ManyThreadsGetTheirOwnAnswers) {
     const Client client(kMe);
     const Client forwarding(kOther, true);
@@ -395,26 +389,6 @@ TEST_F(ClientTest, ASlowCallbackHoldsUpNobody) {
     EXPECT_EQ(client.bodies.Take(), "past them");
     EXPECT_TRUE(Ask(client, kEchoModule));
     released.Add();
-}
-
-TEST_F(ClientTest, ACallbackMayDestroyItsClient) {
-    const Client sender(kOther);
-    for (int i = 0; i < 50; ++i) {
-        auto client = std::make_unique<Client>(kMe);
-        Tally destroyed;
-        std::atomic<bool> first{true};
-        client->RegisterMessageCallback(1, [&](TagIPCMessageItem& item) {
-            if (first.exchange(false)) {
-                client.reset();
-                EXPECT_EQ(BodyOf(item), "still readable");
-                destroyed.Add();
-            }
-        });
-        for (int n = 0; n < 5; ++n) {
-            sender.PostIPCMessage(Item(kMe, 1, "still readable"));
-        }
-        EXPECT_TRUE(destroyed.Await(1));
-    }
 }
 
 TEST_F(ClientTest, AClientIsDestroyedWithMessagesOnTheirWay) {

@@ -47,6 +47,7 @@ struct Hold {
     std::atomic<bool> wanted{true};
     Tally reached;
     Tally over;
+    Tally closes;
     Tally routersGone;
 };
 
@@ -61,6 +62,10 @@ public:
             m_hold.over.Await(1);
         }
         Router::OnRecvData(context, buffer);
+    }
+    void OnConnectionClose(IOCPContext* context, IOCPBuffer* buffer, DWORD error) override {
+        m_hold.closes.Add(buffer->m_operation == PipeOperation::Accept ? 0 : 1);
+        Router::OnConnectionClose(context, buffer, error);
     }
 
 private:
@@ -95,6 +100,7 @@ TEST(HostTest, AHeldUpWorkerKeepsWhatItUsesAndNobodyElseWaits) {
     server.reset(); // under the feet of the one that is held up
     hold.over.Add();
     EXPECT_TRUE(hold.routersGone.Await(2)) << "the last of its threads frees what a run owns";
+    EXPECT_EQ(hold.closes.Value(), 1) << "nothing is told of a run that was left behind";
 }
 
 } // namespace

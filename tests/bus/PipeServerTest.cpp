@@ -35,10 +35,6 @@ public:
         if (data == "close") {
             ClosePipe(context);
             m_sentAfterClose = SendText(context, "late", 4) || !context->m_sendQueue.empty();
-        } else if (data == "hold") {
-            m_holds.Add();
-            m_goesOn.Await(1);
-            m_holds.Add();
         } else {
             SendText(context, data.data(), static_cast<int>(data.size()));
         }
@@ -48,8 +44,6 @@ public:
     Mailbox<IOCPContext*> m_connected;
     Tally m_connections;
     Tally m_closes;
-    Tally m_holds; // 1: the worker is held up; 2: it goes on
-    Tally m_goesOn;
 
 private:
     std::map<IOCPContext*, int> m_ends; // addresses come back with other connections
@@ -165,24 +159,6 @@ TEST(PipeServerTest, WhatIsNotReadWaitsAndStopEndsWhatIsUnderWay) {
         deaf.AwaitDrop();
         EXPECT_EQ(server.m_closes.Value(), server.m_connections.Value());
     }
-}
-
-TEST(PipeServerTest, AWorkerThatIsHeldUpIsLeftBehind) {
-    EchoServer server;
-    server.Start();
-    RawPeer holder;
-    holder.Send("hold");
-    ASSERT_TRUE(server.m_holds.Await(1));
-    server.Stop();
-    holder.AwaitDrop();
-    ASSERT_TRUE(server.Start());
-    RawPeer next;
-    EXPECT_TRUE(Echoes(next, "served by another"));
-    server.m_goesOn.Add();
-    ASSERT_TRUE(server.m_holds.Await(2));
-    EXPECT_TRUE(Echoes(next, "still"));
-    server.Stop();
-    EXPECT_EQ(server.m_closes.Value(), 1) << "nothing is told of a run that was left behind";
 }
 
 TEST(PipeServerTest, StartAndStopManyTimesLeaveNothingBehind) {

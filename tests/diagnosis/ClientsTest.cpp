@@ -158,36 +158,21 @@ TEST_F(ClientsTest, QueriesSendTheirRecordAndReadTheAnswer) {
     EXPECT_THROW(client.CancelDetection(m_device), std::out_of_range);
 }
 
-std::string JsonWarning(LogCapture& log) { // without the parser's own words
-    for (const auto& [level, line] : log.Take()) {
-        if (level >= log4cplus::WARN_LOG_LEVEL && (line.rfind("jsonStr[", 0) == 0 || line.rfind("Null ", 0) == 0)) {
-            return line.substr(0, line.find(" err. "));
-        }
-    }
-    return "";
-}
-
 TEST_F(ClientsTest, CapabilitiesAreReadFromWhateverJsonComes) {
     using Names = std::list<std::string>;
-    const struct {
-        const char* answer;
-        Names names;
-        std::string warning;
-    } cases[] = {
-        {R"({"DetectCapability":["a","b",3]})", {"a", "b", "3"}, ""},
-        {R"({"RepairCapability":["a"]})", {}, ""},
-        {R"({"DetectCapability":"a"})", {}, ""},
-        {"null", {}, "Null Json Value."},
-        {"{", {}, "jsonStr[{]"},
-        {"", {}, "jsonStr[]"},
+    const std::pair<const char*, Names> cases[] = {
+        {R"({"DetectCapability":["a","b",3]})", {"a", "b", "3"}},
+        {R"({"RepairCapability":["a"]})", {}},
+        {R"({"DetectCapability":"a"})", {}},
+        {"null", {}},
+        {"{", {}},
+        {"", {}},
     };
     DFSClient client(kOther);
-    for (const auto& one : cases) {
-        Script(0x820002, one.answer + kNul);
-        LogCapture log;
-        EXPECT_EQ(client.GetDetectCapability(m_device), one.names) << one.answer;
+    for (const auto& [answer, names] : cases) {
+        Script(0x820002, answer + kNul);
+        EXPECT_EQ(client.GetDetectCapability(m_device), names) << answer;
         EXPECT_EQ(NextRequest(0x820002), Request(0x820002, s_deviceText));
-        EXPECT_EQ(JsonWarning(log), one.warning) << one.answer;
     }
     for (const char* answer : {"[1]", R"({"DetectCapability":{"a":1}})", R"({"DetectCapability":[["a"]]})"}) {
         Script(0x820002, answer + kNul);

@@ -9,9 +9,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <thread>
 
 namespace Vantor::Sentrix {
 namespace {
@@ -30,11 +32,20 @@ int Threads() {
     return count;
 }
 
+// A thread that has ended and was joined is listed for a moment longer.
+bool HasOneThread() {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (Threads() != 1 && std::chrono::steady_clock::now() < end) {
+        std::this_thread::yield();
+    }
+    return Threads() == 1;
+}
+
 // Ends the process with 0 when the library is a good guest.
 [[noreturn]] void BeAHost() {
-    int status = Threads() == 1 ? 0 : 1;
+    int status = HasOneThread() ? 0 : 1;
     Warn();
-    status |= Threads() == 1 ? 0 : 2;
+    status |= HasOneThread() ? 0 : 2;
     const pid_t child = fork();
     if (child == 0) {
         std::exit(0);
