@@ -18,6 +18,9 @@
 namespace Vantor::Sentrix {
 namespace {
 
+// The process that started the tests; death tests are new processes.
+constexpr char kOwner[] = "VEYRA_GUEST_TEST_OWNER";
+
 void Warn() {
     DiagnosisDeviceInfo().FromJsonStr("");
 }
@@ -58,8 +61,7 @@ bool HasOneThread() {
 
 // In a process of its own, because the environment is read once.
 TEST(GuestDeathTest, NoThreadIsMadeAndAForkedChildEndsWhateverTheLogIsSetTo) {
-    const std::string folder = testing::TempDir();
-    const std::string configuration = folder + "/veyra-guest.properties";
+    const std::string configuration = testing::TempDir() + "/veyra-guest-" + std::getenv(kOwner);
     std::ofstream(configuration) << "log4cplus.logger.veyrasvc=WARN, E\n"
                                     "log4cplus.appender.E=log4cplus::ConsoleAppender\n"
                                     "log4cplus.appender.E.logToStdErr=true\n"
@@ -77,7 +79,7 @@ TEST(GuestDeathTest, NoThreadIsMadeAndAForkedChildEndsWhateverTheLogIsSetTo) {
         {"ERROR", "", "^$"},
         {"LOUD", "", "^veyrasvc: VEYRA_LOG_LEVEL names no level: LOUD\n[^\n]*\n$"},
         {"", configuration, "^configured: input jsonStr is empty\\.\n$"},
-        {"", folder + "/veyra-none", "^veyrasvc: VEYRA_LOG_CONFIG cannot be read: [^\n]*veyra-none\n[^\n]*\n$"},
+        {"", configuration + "-none", "^veyrasvc: VEYRA_LOG_CONFIG cannot be read: [^\n]*-none\n[^\n]*\n$"},
     };
     for (const auto& [level, file, output] : kCases) {
         setenv("VEYRA_LOG_LEVEL", level.c_str(), 1);
@@ -118,6 +120,7 @@ TEST(GuestDeathTest, ALineIsOneWriteAndAFullDiskCostsOnlyThoseOfItsTime) {
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
+    setenv(Vantor::Sentrix::kOwner, std::to_string(getpid()).c_str(), 0);
     GTEST_FLAG_SET(death_test_style, "threadsafe"); // each in a new process
     return RUN_ALL_TESTS();
 }
