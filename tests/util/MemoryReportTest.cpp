@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <cstdio>
 #include <string>
 
 namespace Vantor::Sentrix {
@@ -19,10 +19,18 @@ TEST(MemoryReportTest, OneDebugLineNamesTheOccasionAndFourCounters) {
     const auto lines = log.Take();
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines[0].first, log4cplus::DEBUG_LOG_LEVEL);
-    EXPECT_TRUE(std::regex_match(
-        lines[0].second, std::regex("\\[MemoryInfo\\] CheckAccepting WorkingSetSize: [1-9]\\d* QuotaPagedPoolUsage: "
-                                    "\\d+ QuotaNonPagedPoolUsage: \\d+ PagefileUsage: \\d+")))
+    unsigned long long set = 0;
+    unsigned long long paged = 0;
+    unsigned long long nonPaged = 0;
+    unsigned long long file = 0;
+    ASSERT_EQ(std::sscanf(lines[0].second.c_str(),
+                          "[MemoryInfo] CheckAccepting WorkingSetSize: %llu QuotaPagedPoolUsage: %llu "
+                          "QuotaNonPagedPoolUsage: %llu PagefileUsage: %llu",
+                          &set, &paged, &nonPaged, &file),
+              4)
         << lines[0].second;
+    EXPECT_GT(set, 0U);
+    EXPECT_TRUE(lines[0].second.ends_with(": " + std::to_string(file))) << "nothing behind it";
     EXPECT_EQ(lines[1].second.substr(0, 19), "[MemoryInfo] caf? W");
 }
 
