@@ -96,11 +96,9 @@ TEST(MemoryTest, AFailingAllocationCostsOneConnectionAtMost) {
 class SendingServer : public IOCPServer {
 public:
     ~SendingServer() { Stop(); }
-    bool OnNewConnection(IOCPContext* context) override {
-        m_connected.Put(context);
-        return true;
-    }
-    Mailbox<IOCPContext*> m_connected;
+    bool OnNewConnection(IOCPContext* /*context*/) override { return true; }
+    void OnRecvData(IOCPContext* context, IOCPBuffer* /*buffer*/) override { m_speaking.Put(context); }
+    Mailbox<IOCPContext*> m_speaking; // not who connects: to ask whether there is a place may be to connect and leave
 };
 
 // A text is sent whole or not at all, or its connection ends; none stays open and mute.
@@ -111,7 +109,8 @@ TEST(MemoryTest, ATextThatCannotBeSentLeavesItsConnectionUsable) {
         SendingServer server;
         ASSERT_TRUE(server.Start());
         RawPeer peer;
-        IOCPContext* const context = server.m_connected.Take().value();
+        ASSERT_TRUE(peer.Send("here"));
+        IOCPContext* const context = server.m_speaking.Take().value();
         bool sent = false;
         {
             const Starvation starvation(Starvation::Threads::Own, first);
