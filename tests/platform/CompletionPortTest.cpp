@@ -142,8 +142,8 @@ TEST(CompletionPortTest, AcceptsManyClientsThatComeAtOnce) {
                 ASSERT_TRUE(WaitNamedPipeW(name.c_str(), kPatienceMs)) << GetLastError();
                 client = OpenClient(name);
             }
-            ASSERT_TRUE(Begun(io.Read(client, &byte, 1)));
-            EXPECT_EQ(io.Await(), ERROR_BROKEN_PIPE);
+            const bool begun = Begun(io.Read(client, &byte, 1)); // not where the server has closed it already
+            EXPECT_EQ(begun ? io.Await() : GetLastError(), ERROR_BROKEN_PIPE);
         });
     }
     for (ULONG_PTR i = 0; i < kClients; ++i) {
