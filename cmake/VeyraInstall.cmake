@@ -24,7 +24,7 @@ set(public_headers
   veyrasvc/util/SystemVersion.h
   veyrasvc/util/ThreadSafety.h)
 if(NOT WIN32)
-  list(APPEND public_headers veyrasvc/platform/posix/Win32Subset.h)
+  list(APPEND public_headers veyrasvc/platform/posix/Win32Subset.h veyrasvc/platform/posix/Win32Types.h)
 endif()
 foreach(header ${public_headers})
   get_filename_component(folder ${header} DIRECTORY)
