@@ -6,6 +6,8 @@
 #include "veyrasvc/platform/posix/PoolGrowth.h"
 #include "veyrasvc/platform/posix/SecurityDescriptor.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -186,6 +188,38 @@ TEST(PosixExtras, PagesThatAreResetAreTheSystemsToTakeUntilTheyAreWrittenTo) {
     std::fill_n(pages, kBytes, 'b');
     EXPECT_EQ(std::count(pages, pages + kBytes, 'b'), static_cast<std::ptrdiff_t>(kBytes));
     EXPECT_TRUE(VirtualFree(pages, 0, MEM_RELEASE));
+}
+
+TEST(PosixExtras, ShareModesBindOtherProcessesAsLongAsTheyLive) {
+    const std::wstring path = L"/tmp/veyra-share-extras-" + std::to_wstring(GetCurrentProcessId());
+    const std::string narrow(path.begin(), path.end());
+    const auto errorOfOpening = [&path](DWORD access) {
+        const HANDLE file = CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                        OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+        return file != INVALID_HANDLE_VALUE && CloseHandle(file) != FALSE ? NO_ERROR : GetLastError();
+    };
+    const int other = open(narrow.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+        static_cast<void>(!write(ends[1], "x", 1));
+        pause();
+    }
+    char byte = 0;
+    ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    EXPECT_EQ(errorOfOpening(GENERIC_READ), NO_ERROR);
+    EXPECT_EQ(errorOfOpening(GENERIC_WRITE), ERROR_SHARING_VIOLATION);
+    kill(child, SIGKILL);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(errorOfOpening(GENERIC_WRITE), NO_ERROR);
+    ASSERT_EQ(flock(other, LOCK_EX), 0);
+    EXPECT_EQ(errorOfOpening(GENERIC_READ), ERROR_SHARING_VIOLATION) << "another program's lock";
+    for (const int descriptor : {other, ends[0], ends[1]}) {
+        close(descriptor);
+    }
+    unlink(narrow.c_str());
 }
 
 TEST(PosixExtras, AFullDiskIsReported) {
