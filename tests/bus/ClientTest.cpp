@@ -391,6 +391,26 @@ TEST_F(ClientTest, ASlowCallbackHoldsUpNobody) {
     released.Add();
 }
 
+TEST_F(ClientTest, ACallbackMayDestroyItsClient) {
+    const Client sender(kOther);
+    for (int i = 0; i < 50; ++i) {
+        auto client = std::make_unique<Client>(kMe);
+        Tally destroyed;
+        std::atomic<bool> first{true};
+        client->RegisterMessageCallback(1, [&](TagIPCMessageItem& item) {
+            if (first.exchange(false)) {
+                client.reset();
+                EXPECT_EQ(BodyOf(item), "still readable");
+                destroyed.Add();
+            }
+        });
+        for (int n = 0; n < 5; ++n) {
+            sender.PostIPCMessage(Item(kMe, 1, "still readable"));
+        }
+        EXPECT_TRUE(destroyed.Await(1));
+    }
+}
+
 TEST_F(ClientTest, AClientIsDestroyedWithMessagesOnTheirWay) {
     const Client sender(kOther);
     for (int i = 0; i < 100; ++i) {
